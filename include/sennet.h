@@ -1,0 +1,11 @@
+/// @file
+/// Everything of libsennet.
+#pragma once
+
+#include "TCAlarm.h"
+#include "TCEventIO.h"
+#include "TCLog.h"
+#include "TCMessage.h"
+#include "TCMutex.h"
+#include "TCPrint.h"
+#include "TCTask.h"

@@ -1,0 +1,170 @@
+#include <memory>
+
+#include "TCEventIO.h"
+#include "TCLog.h"
+#include "TCMutex.h"
+
+namespace Velmora {
+
+const std::uint64_t VELMORA_INFINITY = ~std::uint64_t{0};
+
+namespace {
+
+class NativeGuard
+{
+public:
+    explicit NativeGuard(GMutex* mutex) : m_Mutex(mutex) { g_mutex_lock(m_Mutex); }
+    ~NativeGuard() { g_mutex_unlock(m_Mutex); }
+    NativeGuard(const NativeGuard&) = delete;
+    NativeGuard& operator=(const NativeGuard&) = delete;
+
+private:
+    GMutex* m_Mutex;
+};
+
+gint64 DeadlineAfter(unsigned long timeout)
+{
+    const gint64 now = g_get_monotonic_time();
+    const auto left = static_cast<unsigned long>(G_MAXINT64 - now);
+    return timeout < left ? now + static_cast<gint64>(timeout) : G_MAXINT64;
+}
+
+} // namespace
+
+bool TCSemaphore::Create(int initialCount)
+{
+    auto mutex = std::make_unique<GMutex>();
+    auto cond = std::make_unique<GCond>();
+    g_mutex_init(mutex.get());
+    g_cond_init(cond.get());
+
+    m_Count = initialCount;
+    m_EventMutex = mutex.release(); // Destroy deletes both: the destructor must not
+    m_EventCond = cond.release();
+    return true;
+}
+
+void TCSemaphore::Take()
+{
+    const NativeGuard guard(m_EventMutex);
+    while (m_Count < 1) {
+        ++m_Waiters;
+        g_cond_wait(m_EventCond, m_EventMutex);
+        --m_Waiters;
+    }
+    --m_Count;
+}
+
+bool TCSemaphore::Try(unsigned long timeout)
+{
+    if (timeout == VELMORA_INFINITY) {
+        Take();
+        return true;
+    }
+    if (m_EventMutex == nullptr) {
+        VELMORA_LOGE("m_EventMutex is NULL");
+        return false;
+    }
+
+    const NativeGuard guard(m_EventMutex);
+    while (m_Count < 1) {
+        ++m_Waiters;
+        const bool woken =
+            g_cond_wait_until(m_EventCond, m_EventMutex, DeadlineAfter(timeout)) != 0;
+        --m_Waiters;
+        if (!woken) {
+            return false;
+        }
+    }
+    --m_Count;
+    return true;
+}
+
+void TCSemaphore::Give()
+{
+    const NativeGuard guard(m_EventMutex);
+    ++m_Count;
+    if (m_Waiters > 0) {
+        // Under the lock: a waiter that finds the unit may destroy this object as soon as it has
+        // the lock.
+        g_cond_signal(m_EventCond);
+    }
+}
+
+void TCSemaphore::Destroy()
+{
+    if (m_EventMutex == nullptr) {
+        return;
+    }
+    VELMORA_LOGE("");
+    g_mutex_clear(m_EventMutex);
+    g_cond_clear(m_EventCond);
+    delete m_EventMutex; // made by Create
+    delete m_EventCond;
+    m_EventMutex = nullptr;
+    m_EventCond = nullptr;
+}
+
+bool TCMutex::Create()
+{
+    if (!m_Semaphore.Create(1)) {
+        return false;
+    }
+    m_Owner = nullptr;
+    return true;
+}
+
+void TCMutex::Lock()
+{
+    GThread* const self = g_thread_self();
+    if (m_Owner.load(std::memory_order_relaxed) == self) {
+        ++m_Depth;
+        return;
+    }
+    m_Semaphore.Take();
+    m_Owner.store(self, std::memory_order_relaxed);
+    m_Depth = 1;
+}
+
+bool TCMutex::Try(unsigned long timeout)
+{
+    GThread* const self = g_thread_self();
+    if (m_Owner.load(std::memory_order_relaxed) == self) {
+        ++m_Depth;
+        return true;
+    }
+    if (!m_Semaphore.Try(timeout)) {
+        return false;
+    }
+    m_Owner.store(self, std::memory_order_relaxed);
+    m_Depth = 1;
+    return true;
+}
+
+void TCMutex::Unlock()
+{
+    if (m_Owner.load(std::memory_order_relaxed) != g_thread_self()) {
+        return;
+    }
+    if (--m_Depth > 0) {
+        return;
+    }
+    m_Owner.store(nullptr, std::memory_order_relaxed);
+    m_Semaphore.Give();
+}
+
+void TCMutex::Destroy()
+{
+    if (m_Semaphore.m_EventMutex != nullptr) {
+        m_Semaphore.Destroy();
+    }
+}
+
+bool TCHandler::t_OnEvent(const TCEvent* /*event*/)
+{
+    return false;
+}
+
+void TCHandler::t_Clear(TCEvent* /*event*/) {}
+
+} // namespace Velmora

@@ -1,0 +1,229 @@
+#include "TCMessage.h"
+
+#include <cstring>
+#include <ostream>
+#include <streambuf>
+#include <utility>
+
+#include <glib.h>
+
+#include "TCLog.h"
+
+namespace Velmora {
+
+namespace {
+
+// Appends what is written to the stream straight to a string.
+class StringSink : public std::streambuf
+{
+public:
+    std::string* m_Target = nullptr;
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize size) override
+    {
+        m_Target->append(text, static_cast<std::size_t>(size));
+        return size;
+    }
+    int_type overflow(int_type character) override
+    {
+        m_Target->push_back(traits_type::to_char_type(character));
+        return character;
+    }
+};
+
+// A thread's JSON reader and writer. Making them costs more than using them on a short text.
+class JsonTools
+{
+public:
+    JsonTools() : m_Reader(Json::CharReaderBuilder().newCharReader()), m_Stream(&m_Sink)
+    {
+        // A failed append throws on through the stream instead of cutting the text.
+        m_Stream.exceptions(std::ios_base::badbit);
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        m_Writer.reset(builder.newStreamWriter());
+    }
+
+    static JsonTools& OfThread()
+    {
+        // GLib's thread data and not thread_local: it can be had again in the destructors that run
+        // at the end of a thread or of the process.
+        static GPrivate tools =
+            G_PRIVATE_INIT([](gpointer data) { delete static_cast<JsonTools*>(data); });
+        auto* own = static_cast<JsonTools*>(g_private_get(&tools));
+        if (own == nullptr) {
+            own = new JsonTools; // freed at the end of the thread by the function above
+            g_private_set(&tools, own);
+        }
+        return *own;
+    }
+
+    bool Read(const std::string& text, Json::Value& value, std::string& errors)
+    {
+        try {
+            return m_Reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+        } catch (const Json::Exception& tooDeep) {
+            errors = tooDeep.what();
+            return false;
+        }
+    }
+
+    std::string Write(const Json::Value& value)
+    {
+        std::string text;
+        m_Sink.m_Target = &text;
+        m_Stream.clear(); // of a write that threw
+        m_Writer->write(value, &m_Stream);
+        return text;
+    }
+
+private:
+    std::unique_ptr<Json::CharReader> m_Reader;
+    std::unique_ptr<Json::StreamWriter> m_Writer;
+    StringSink m_Sink;
+    std::ostream m_Stream;
+};
+
+std::unique_ptr<unsigned char[]> CopyBytes(const unsigned char* data, unsigned int size)
+{
+    if (size == 0) {
+        return nullptr;
+    }
+    std::unique_ptr<unsigned char[]> copy(new unsigned char[size]);
+    std::memcpy(copy.get(), data, size);
+    return copy;
+}
+
+} // namespace
+
+TCData::TCData(const std::string& text) : m_Text(text)
+{
+    Parse();
+}
+
+TCData::TCData(const TCData& other) : m_Text(other.m_Text), m_Json(other.m_Json)
+{
+    Generate();
+}
+
+TCData& TCData::operator=(const TCData& other)
+{
+    if (this != &other) {
+        m_Text = other.m_Text;
+        m_Json = other.m_Json;
+    }
+    return *this;
+}
+
+TCData& TCData::operator=(TCData&& other) noexcept
+{
+    m_Text = std::move(other.m_Text);
+    m_Json = std::move(other.m_Json);
+    return *this;
+}
+
+bool TCData::Parse()
+{
+    if (!m_Json.empty()) {
+        return true;
+    }
+    std::string errors;
+    const bool isJson = JsonTools::OfThread().Read(m_Text, m_Json, errors);
+    if (!isJson) {
+        m_Json = Json::Value();
+        VELMORA_LOGI("NOT JSON TYPE MESSAGE![%s]", m_Text.c_str());
+    }
+    m_Error = errors.c_str(); // up to the first NUL
+    return isJson;
+}
+
+void TCData::Generate()
+{
+    if (!m_Json.empty()) {
+        m_Text = JsonTools::OfThread().Write(m_Json);
+    }
+}
+
+bool TCData::SetMessage(const std::string& text)
+{
+    m_Json = Json::Value();
+    m_Text = text;
+    return Parse();
+}
+
+std::string TCData::GetMessage()
+{
+    if (m_Text.empty()) {
+        Generate();
+    }
+    return m_Text;
+}
+
+std::string TCData::GetMessage() const
+{
+    if (m_Text.empty() && !m_Json.empty()) {
+        return "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>";
+    }
+    return m_Text;
+}
+
+std::string TCData::GetString() const
+{
+    if (m_Text.empty() && !m_Json.empty()) {
+        return JsonTools::OfThread().Write(m_Json);
+    }
+    return m_Text;
+}
+
+std::string TCData::GetError()
+{
+    return m_Error.empty() ? "no error" : m_Error;
+}
+
+TCMessage::TCMessage(const TCMessage& other)
+    : TCData(other), m_Code(other.m_Code), m_Type(other.m_Type),
+      m_Buffer(CopyBytes(other.m_Buffer.get(), other.m_BufferSize)),
+      m_BufferSize(other.m_BufferSize)
+{}
+
+TCMessage& TCMessage::operator=(const TCMessage& other)
+{
+    if (this == &other) {
+        return *this;
+    }
+    m_Code = other.m_Code;
+    m_Type = other.m_Type;
+    TCData::operator=(other);
+    Generate();
+    m_Buffer = CopyBytes(other.m_Buffer.get(), other.m_BufferSize);
+    m_BufferSize = other.m_BufferSize;
+    return *this;
+}
+
+void TCMessage::SetBuffer(const unsigned char* data, unsigned int size)
+{
+    if (data == nullptr && size > 0) {
+        VELMORA_LOG_NULL("data");
+        size = 0;
+    }
+    m_Buffer = CopyBytes(data, size); // before the old one goes: the data may lie in it
+    m_BufferSize = size;
+}
+
+unsigned int TCMessage::CopyBuffer(unsigned char** out) const
+{
+    if (out == nullptr || m_Buffer == nullptr) {
+        return 0;
+    }
+    *out = CopyBytes(m_Buffer.get(), m_BufferSize).release(); // the caller's from here on
+    return m_BufferSize;
+}
+
+unsigned int TCMessage::GetBuffer(unsigned char*& out) const
+{
+    out = m_Buffer.get();
+    return m_BufferSize;
+}
+
+} // namespace Velmora

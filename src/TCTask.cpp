@@ -1,0 +1,250 @@
+#include "TCTask.h"
+
+#include <utility>
+
+#include "GLibPtr.h"
+
+namespace Velmora {
+
+using namespace Internal;
+
+namespace {
+
+const char* NameOrEmpty(const char* name)
+{
+    if (name == nullptr) {
+        VELMORA_LOG_NULL("name");
+        return "";
+    }
+    return name;
+}
+
+} // namespace
+
+TCTask::TCTask(const char* name) : TCEventIO(NameOrEmpty(name)) {}
+
+TCTask::~TCTask()
+{
+    VELMORA_LOGI("");
+    // All of it is gone after a Destroy; a failed Create has left it.
+    g_list_free(m_IOList);
+    if (m_TaskLoop != nullptr) {
+        TCEventIO::Final(); // the exit event of the failed Create is still queued
+        g_main_loop_unref(m_TaskLoop);
+    }
+    if (m_Context != nullptr) {
+        g_main_context_unref(m_Context);
+    }
+}
+
+bool TCTask::Create(const char* name, bool here, unsigned long unused)
+{
+    if (!m_NewThread(name, unused, here)) {
+        VELMORA_LOGE("Create thread fail!");
+        return false;
+    }
+    return true;
+}
+
+bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
+{
+    if (m_Thread != nullptr) {
+        VELMORA_LOGE("task has a thread already");
+        return false;
+    }
+    m_DropFailedSetup();
+    if (here && !m_InitMainLoop()) {
+        m_StaleIOs = g_list_length(m_IOList);
+        Destroy();
+        return false;
+    }
+    m_SetSettingUp(!here);
+    GError* raw = nullptr;
+    GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, this, &raw);
+    const ErrorPtr error(raw);
+    if (thread == nullptr) {
+        if (error) {
+            VELMORA_LOGE("Thread created fail,%s", error->message);
+        }
+        m_SetSettingUp(false);
+        m_StaleIOs = here ? g_list_length(m_IOList) : 0;
+        return false;
+    }
+    m_Thread = thread;
+    return true;
+}
+
+// Takes back what a failed Create has set up. The IOs that the client had added stay in the list,
+// also those added since; those that the set-up added itself come back with the next one.
+void TCTask::m_DropFailedSetup()
+{
+    if (m_StaleIOs == 0) {
+        return;
+    }
+    GList* kept = nullptr;
+    bool addedBySetup = false;
+    for (const GList* node = m_IOList; node != nullptr; node = node->next) {
+        auto* const io = static_cast<TCIOBase*>(node->data);
+        addedBySetup = (addedBySetup || io == this) && m_StaleIOs > 0;
+        m_StaleIOs -= m_StaleIOs > 0 ? 1 : 0;
+        if (!addedBySetup && g_list_find(kept, io) == nullptr) {
+            kept = g_list_append(kept, io);
+        }
+    }
+    m_Destroy();
+    m_IOList = kept;
+}
+
+void* TCTask::m_ThreadProcess(void* data)
+{
+    auto* const task = static_cast<TCTask*>(data);
+    task->m_Thread = g_thread_self(); // Create may not have stored it yet
+    const bool ready = task->m_InitMainLoop();
+    task->m_SetSettingUp(false);
+    if (ready) {
+        task->t_Main();
+    }
+    task->m_Destroy();
+    return data;
+}
+
+bool TCTask::m_InitMainLoop()
+{
+    if (m_TaskLoop != nullptr) {
+        return true;
+    }
+    if (m_Context == nullptr) {
+        m_Context = g_main_context_new();
+    }
+    m_TaskLoop = g_main_loop_new(m_Context, FALSE);
+    if (m_TaskLoop == nullptr) {
+        VELMORA_LOGE("Failed to create the mainloop");
+        return false;
+    }
+    AddIO(this);
+    t_AddIO();
+    for (const GList* node = m_IOList; node != nullptr; node = node->next) {
+        VELMORA_LOGI("Init IO begin");
+        auto* const io = static_cast<TCIOBase*>(node->data);
+        if (io != nullptr && !io->Init(m_TaskLoop)) {
+            VELMORA_LOGE("Init fail!");
+            return false;
+        }
+    }
+    if (!t_Create()) {
+        VELMORA_LOGE("fail!");
+        return false;
+    }
+    return true;
+}
+
+void TCTask::m_SetSettingUp(bool settingUp)
+{
+    const std::lock_guard<std::mutex> lock(m_StateMutex);
+    m_SettingUp = settingUp;
+    m_SetupOver.notify_all();
+}
+
+void TCTask::AddIO(TCIOBase* io)
+{
+    m_IOList = g_list_append(m_IOList, io);
+    VELMORA_LOGI("coroutine num : %d", static_cast<int>(g_list_length(m_IOList)));
+}
+
+void TCTask::t_AddIO() {}
+
+bool TCTask::t_Create()
+{
+    return true;
+}
+
+void TCTask::t_Main()
+{
+    VELMORA_LOGI("begin");
+    GMainLoop* const loop = m_TaskLoop;
+    g_main_loop_run(loop);
+    VELMORA_LOGI("SERVICE %p End!", static_cast<void*>(loop));
+}
+
+void TCTask::t_Destroy() {}
+
+void TCTask::m_Destroy()
+{
+    VELMORA_LOGI("");
+    for (const GList* node = m_IOList; node != nullptr; node = node->next) {
+        VELMORA_LOGI("Final IO begin");
+        auto* const io = static_cast<TCIOBase*>(node->data);
+        if (io != nullptr) {
+            io->Final();
+        }
+    }
+    g_list_free(std::exchange(m_IOList, nullptr));
+    t_Destroy();
+
+    m_MainLoop = nullptr; // whoever asks for the task's loop from now on gets none, not a freed one
+    LoopPtr loop;
+    ContextPtr context; // released without the lock: the client's sources may go with it
+    const std::lock_guard<std::mutex> lock(m_StateMutex);
+    loop.reset(m_TaskLoop.exchange(nullptr));
+    context.reset(std::exchange(m_Context, nullptr));
+}
+
+void TCTask::Destroy()
+{
+    if (m_Thread == g_thread_self()) {
+        VELMORA_LOGE("Send event EVENT_EXIT_TASK to destroy when calling Destroy at the task what "
+                     "you want to destroy!");
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(m_DestroyMutex);
+    const ContextPtr context(m_RefContextAfterSetup());
+    SourcePtr retry;
+    if (context) {
+        TCEvent event;
+        event.receiver = this;
+        event.id = EVENT_EXIT_TASK;
+        if (!SendEvent(&event) && m_Thread != nullptr) {
+            // No room: the loop tries again itself after each event that it has dispatched. Where
+            // the queue is closed because the task is ending, no loop runs this any more.
+            retry.reset(g_idle_source_new());
+            g_source_set_priority(retry.get(), G_PRIORITY_DEFAULT);
+            g_source_set_callback(retry.get(), &TCTask::m_RetryExit, this, nullptr);
+            g_source_attach(retry.get(), context.get());
+        }
+    }
+    if (m_Thread != nullptr) {
+        g_thread_join(m_Thread);
+    }
+    m_Thread = nullptr;
+    VELMORA_LOGD("task is destroyed!");
+}
+
+// One reference to the context of a task whose set-up is over, null if it has not started or has
+// ended. An exit event that was sent earlier would be refused, and the loop would run for ever.
+GMainContext* TCTask::m_RefContextAfterSetup()
+{
+    std::unique_lock<std::mutex> lock(m_StateMutex);
+    m_SetupOver.wait(lock, [this] { return !m_SettingUp; });
+    return m_TaskLoop != nullptr ? g_main_context_ref(m_Context) : nullptr;
+}
+
+gboolean TCTask::m_RetryExit(gpointer data)
+{
+    auto* const task = static_cast<TCTask*>(data);
+    auto event = std::make_unique<TCEvent>();
+    event->receiver = task;
+    event->id = EVENT_EXIT_TASK;
+    std::list<TCEvent*> node{event.get()};
+    switch (task->m_Post(node, false)) {
+    case PostResult::Queued:
+        static_cast<void>(event.release()); // the list's
+        return G_SOURCE_REMOVE;
+    case PostResult::PipeFull:
+        return G_SOURCE_CONTINUE;
+    default: // nothing is dispatched any more that could end the loop
+        g_main_loop_quit(task->m_TaskLoop);
+        return G_SOURCE_REMOVE;
+    }
+}
+
+} // namespace Velmora
