@@ -1,0 +1,39 @@
+#include "Allocations.h"
+
+namespace {
+
+thread_local std::size_t g_Allocations = 0;
+
+} // namespace
+
+// The program's own malloc family takes the C library's place for the whole process, GLib and the
+// C++ runtime included, and hands on to the names under which glibc keeps its own.
+extern "C" {
+
+void* __libc_malloc(std::size_t size);                    // NOLINT
+void* __libc_calloc(std::size_t count, std::size_t size); // NOLINT
+void* __libc_realloc(void* block, std::size_t size);      // NOLINT
+
+void* malloc(std::size_t size)
+{
+    ++g_Allocations;
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size)
+{
+    ++g_Allocations;
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* block, std::size_t size)
+{
+    ++g_Allocations;
+    return __libc_realloc(block, size);
+}
+}
+
+std::size_t Benchmarks::AllocationsOfThread()
+{
+    return g_Allocations;
+}

@@ -1,0 +1,123 @@
+// What the tests of the event core share.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "sennet.h"
+
+// A loop that runs only as far as the test iterates it.
+class Loop
+{
+public:
+    Loop() : m_Context(g_main_context_new()), m_Loop(g_main_loop_new(m_Context, FALSE)) {}
+    ~Loop()
+    {
+        g_main_loop_unref(m_Loop);
+        g_main_context_unref(m_Context);
+    }
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    GMainContext* Context() const { return m_Context; }
+    GMainLoop* Get() const { return m_Loop; }
+    bool Step() { return g_main_context_iteration(m_Context, FALSE) != 0; }
+    void Drain()
+    {
+        while (Step()) {
+        }
+    }
+
+private:
+    GMainContext* m_Context;
+    GMainLoop* m_Loop;
+};
+
+// Notes what reaches it, as "e7" for OnEvent and "c7" for OnClear with the id 7, on top of Base.
+template <typename Base>
+class Noting : public Base
+{
+public:
+    using Base::Base;
+
+    std::string seen; // of the loop's thread
+    std::function<void(const Velmora::TCEvent&)> onEvent;
+    std::function<void(const Velmora::TCEvent&)> onClear;
+
+    using Base::m_EventIO;
+
+protected:
+    bool t_OnEvent(const Velmora::TCEvent* event) override
+    {
+        seen += "e" + std::to_string(event->id) + " ";
+        if (onEvent) {
+            onEvent(*event);
+        }
+        return Base::t_OnEvent(event);
+    }
+    void t_Clear(Velmora::TCEvent* event) override
+    {
+        seen += "c" + std::to_string(event->id) + " ";
+        if (onClear) {
+            onClear(*event);
+        }
+        Base::t_Clear(event);
+    }
+};
+
+class Queue : public Noting<Velmora::TCEventIO>
+{
+public:
+    Queue() : Noting("queue") {}
+    using TCEventIO::m_InterIOWatch;
+    using TCEventIO::m_PipeFileDes;
+    using TCEventIO::m_QueueMutex;
+    bool initResult = true;
+
+protected:
+    bool t_Init() override { return initResult; }
+};
+
+using Task = Noting<Velmora::TCTask>;
+
+inline Velmora::TCEvent Event(Velmora::TCHandler* receiver, unsigned long id, void* param = nullptr)
+{
+    Velmora::TCEvent event;
+    event.receiver = receiver;
+    event.id = id;
+    event.param.p = param;
+    return event;
+}
+
+inline bool Send(Velmora::TCHandler* receiver, unsigned long id, void* param = nullptr)
+{
+    Velmora::TCEvent event = Event(receiver, id, param);
+    return Velmora::SendEvent(&event);
+}
+
+inline bool SendUrgent(Velmora::TCHandler* receiver, unsigned long id)
+{
+    Velmora::TCEvent event = Event(receiver, id);
+    return Velmora::SendUrgentEvent(&event);
+}
+
+// Waits for what another thread brings about; the limit of the test program ends a wait in vain.
+template <typename Condition>
+void Await(Condition condition)
+{
+    while (!condition()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+inline std::ptrdiff_t OpenDescriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+}

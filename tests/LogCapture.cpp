@@ -1,0 +1,50 @@
+#include "LogCapture.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "TCLog.h"
+
+namespace {
+
+std::mutex g_Mutex;
+std::vector<LogLine> g_Lines;
+
+} // namespace
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...)
+{
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    const int size = std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    const std::lock_guard<std::mutex> lock(g_Mutex);
+    g_Lines.push_back({log_id, priority, tag, format, text});
+    return size;
+}
+
+void ForgetLog()
+{
+    const std::lock_guard<std::mutex> lock(g_Mutex);
+    g_Lines.clear();
+}
+
+std::vector<LogLine> Log()
+{
+    const std::lock_guard<std::mutex> lock(g_Mutex);
+    return g_Lines;
+}
+
+int CountLog(int priority, const std::string& body)
+{
+    const bool prefix = !body.empty() && body.back() == '*';
+    const std::string wanted = "[nil]" + (prefix ? body.substr(0, body.size() - 1) : body + "\033");
+    const std::lock_guard<std::mutex> lock(g_Mutex);
+    return static_cast<int>(std::count_if(g_Lines.begin(), g_Lines.end(), [&](const LogLine& line) {
+        return line.priority == priority && line.text.find(wanted) != std::string::npos;
+    }));
+}

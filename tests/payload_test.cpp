@@ -1,0 +1,126 @@
+// TCData and TCMessage.
+#include <cstring>
+
+#include "Harness.h"
+
+using namespace Velmora;
+
+TEST(Data, TellsJsonFromText)
+{
+    const std::string deep(100000, '[');
+    const struct
+    {
+        std::string text;
+        bool json;
+        std::string generated; // the text after Generate
+    } cases[] = {
+        {R"({ "a" : 1 })", true, R"({"a":1})"},
+        {"word", false, "word"},
+        {"", false, ""},
+        {"{}", true, "{}"},
+        {" [ ] ", true, " [ ] "},
+        {"12 monkeys", true, "12"},
+        {"\"quoted\"", true, "\"quoted\""},
+        {std::string("\"a\0b\"", 5), true, "\"a\\u0000b\""},
+        {deep, false, deep},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text.substr(0, 40));
+        ForgetLog();
+        TCData data(c.text);
+        EXPECT_EQ(CountLog(kInfo, "NOT JSON TYPE MESSAGE!*"), c.json ? 0 : 1);
+        EXPECT_EQ(data.GetMessage(), c.text);
+        EXPECT_EQ(data.GetError() == "no error", c.json);
+        EXPECT_TRUE(c.json || data.m_Json.isNull());
+        const TCData copy(data);
+        EXPECT_EQ(copy.GetString(), c.generated);
+        data.Generate();
+        EXPECT_EQ(data.GetMessage(), c.generated);
+
+        TCData scalar("5");
+        EXPECT_EQ(scalar.SetMessage(c.text), c.json); // also over a JSON that is a scalar
+        EXPECT_EQ(scalar.GetString(), c.text);
+    }
+}
+
+TEST(Data, GettersFollowTheSideThatLeads)
+{
+    TCData data;
+    EXPECT_EQ(data.GetMessage(), "");
+    EXPECT_EQ(data.GetError(), "no error");
+    data.m_Json["k"] = "v";
+    const TCData& constant = data;
+    EXPECT_EQ(constant.GetMessage(), "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>");
+    EXPECT_EQ(constant.GetString(), R"({"k":"v"})");
+    EXPECT_EQ(constant.GetMessage(), "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>");
+    EXPECT_EQ(data.GetMessage(), R"({"k":"v"})");
+    EXPECT_EQ(constant.GetMessage(), R"({"k":"v"})");
+
+    data.m_Json["k"] = 2;
+    EXPECT_TRUE(data.Parse()); // a JSON that is there wins over the text
+    EXPECT_EQ(data.GetMessage(), R"({"k":"v"})");
+    data.Generate();
+    EXPECT_EQ(data.GetMessage(), R"({"k":2})");
+}
+
+TEST(Data, CopyNormalisesAndAssignmentDoesNot)
+{
+    TCData spaced(R"({ "a" : 1 })");
+    TCData failed("no json");
+    const std::string report = failed.GetError();
+    EXPECT_NE(report, "no error");
+    EXPECT_EQ(TCData(failed).GetError(), "no error");
+    failed = spaced;
+    EXPECT_EQ(failed.GetMessage(), R"({ "a" : 1 })");
+    EXPECT_EQ(failed.GetError(), report);
+    failed = TCData("other");
+    EXPECT_EQ(failed.GetMessage(), "other");
+    EXPECT_TRUE(failed.m_Json.isNull());
+    EXPECT_EQ(failed.GetError(), report);
+    failed = *&failed;
+    EXPECT_EQ(failed.GetMessage(), "other");
+}
+
+TEST(Message, OwnsACopyOfItsBuffer)
+{
+    unsigned char bytes[] = {1, 2, 3};
+    unsigned char* view = bytes;
+    unsigned char* copy = bytes;
+    TCMessage message;
+    EXPECT_EQ(message.CopyBuffer(&copy), 0U);
+    EXPECT_EQ(copy, bytes);
+    message.SetBuffer(bytes, 3);
+    bytes[0] = 9;
+    EXPECT_EQ(message.GetBuffer(view), 3U);
+    EXPECT_EQ(view[0], 1);
+    message.SetBuffer(view + 1, 2); // out of its own bytes
+    EXPECT_EQ(message.CopyBuffer(nullptr), 0U);
+    ASSERT_EQ(message.CopyBuffer(&copy), 2U);
+    EXPECT_EQ(std::memcmp(copy, "\2\3", 2), 0);
+    delete[] copy;
+
+    message.m_Code = 0x123456789ULL;
+    message.m_Type = "type";
+    message.m_Json["a"] = 1;
+    TCMessage assigned;
+    assigned.SetBuffer(bytes, 3);
+    assigned = message;
+    TCMessage* const targets[] = {new TCMessage(message), &assigned};
+    for (TCMessage* target : targets) {
+        EXPECT_EQ(target->m_Code, 0x123456789ULL);
+        EXPECT_EQ(target->m_Type, "type");
+        EXPECT_EQ(static_cast<const TCMessage*>(target)->GetMessage(), R"({"a":1})");
+        unsigned char* own = nullptr;
+        EXPECT_EQ(target->GetBuffer(own), 2U);
+        EXPECT_NE(own, view);
+    }
+    delete targets[0];
+
+    assigned = TCMessage();
+    EXPECT_EQ(assigned.GetBuffer(view), 0U);
+    EXPECT_EQ(view, nullptr);
+    ForgetLog();
+    message.SetBuffer(nullptr, 5);
+    EXPECT_EQ(message.GetBuffer(view), 0U);
+    EXPECT_EQ(CountLog(kWarning, "data is null"), 1);
+}

@@ -1,0 +1,355 @@
+// Posting, dispatch, removal and the end of a queue, on a loop that the test iterates itself.
+#include <future>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "Harness.h"
+
+using namespace Velmora;
+
+namespace {
+
+const auto kSends = {&TCEventIO::SendEvent, &TCEventIO::SendUrgentEvent, &TCEventIO::SendSyncEvent};
+
+class QueueTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ForgetLog();
+        ASSERT_TRUE(queue.Init(loop.Get()));
+    }
+    void TearDown() override { queue.Final(); }
+
+    Loop loop;
+    Queue queue;
+};
+
+// Another thread that holds a mutex.
+class LockHolder
+{
+public:
+    void Hold(TCMutex& mutex)
+    {
+        std::promise<void> held;
+        m_Thread = std::thread([this, &mutex, &held] {
+            mutex.Lock();
+            held.set_value();
+            m_Release.get_future().wait();
+            mutex.Unlock();
+        });
+        held.get_future().wait();
+    }
+    void Release()
+    {
+        m_Release.set_value();
+        m_Thread.join();
+    }
+
+private:
+    std::promise<void> m_Release;
+    std::thread m_Thread;
+};
+
+std::function<void()>* Callable(std::function<void()> function)
+{
+    return new std::function<void()>(std::move(function));
+}
+
+} // namespace
+
+TEST(ClosedQueue, RefusesEverySend)
+{
+    Loop loop;
+    Queue queue;
+    Noting<TCHandler> stray;
+    for (int round = 0; round < 2; ++round) { // before Init and after Final
+        for (const auto send : kSends) {
+            ForgetLog();
+            TCEvent event = Event(&queue, 7);
+            EXPECT_FALSE(send(&event));
+            EXPECT_EQ(CountLog(kError, "event io queue has destroyed!"), 1);
+            EXPECT_EQ(CountLog(kError, "SendSyncEvent fails!"), send == &TCEventIO::SendSyncEvent);
+            event.receiver = &stray;
+            EXPECT_FALSE(send(&event));
+            EXPECT_EQ(CountLog(kError, "receiver has no event io"), 1);
+            event.receiver = nullptr;
+            EXPECT_FALSE(send(&event));
+            EXPECT_EQ(CountLog(kError, "receiver is NULL"), 1);
+            EXPECT_FALSE(send(nullptr));
+            EXPECT_EQ(CountLog(kWarning, "event is null"), 1);
+        }
+        EXPECT_EQ(queue.CountEvent(), 0U);
+        EXPECT_EQ(queue.DeleteEvent(nullptr), -1);
+        EXPECT_EQ(CountLog(kInfo, "m_FlagCreate is false"), 1);
+        EXPECT_TRUE(queue.Init(loop.Get()));
+        queue.Final();
+        queue.Final();
+        EXPECT_EQ(CountLog(kInfo, "already final"), 1);
+    }
+}
+
+TEST(QueueLifecycle, LeaksNoDescriptorWhateverFails)
+{
+    g_main_context_default(); // opens one of its own the first time
+    const auto before = OpenDescriptors();
+    {
+        Loop loop;
+        Queue queue, left, closed;
+        queue.initResult = false;
+        ForgetLog();
+        EXPECT_FALSE(queue.Init(loop.Get()));
+        EXPECT_EQ(CountLog(kInfo, "End"), 1);
+        EXPECT_FALSE(Send(&queue, 7));
+        EXPECT_FALSE(queue.Init(loop.Get()));
+        queue.Final();
+
+        queue.initResult = true;
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none = {0, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_FALSE(queue.Init(loop.Get()));
+        setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(CountLog(kError, "Create pipe fail!"), 1);
+
+        EXPECT_TRUE(queue.Init(nullptr)); // the default context
+        EXPECT_TRUE(Send(&queue, EVENT_EXIT_TASK));
+        EXPECT_TRUE(queue.Init(loop.Get())); // changes nothing
+        loop.Drain();
+        EXPECT_EQ(queue.seen, "");
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+        EXPECT_EQ(queue.seen, "e1 c1 ");
+        queue.Final();
+
+        const int standardInput = dup(STDIN_FILENO);
+        close(STDIN_FILENO);
+        EXPECT_TRUE(closed.Init(loop.Get()));
+        dup2(standardInput, STDIN_FILENO);
+        close(standardInput);
+        EXPECT_GT(closed.m_PipeFileDes[0], STDERR_FILENO);
+        EXPECT_NE(fcntl(closed.m_PipeFileDes[1], F_GETFD) & FD_CLOEXEC, 0);
+
+        left.initResult = false; // this one and the others are destructed as they are
+        EXPECT_FALSE(left.Init(loop.Get()));
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(QueueTest, UrgentEventsOvertakeAndTheSenderKeepsItsEvent)
+{
+    std::string texts;
+    queue.onEvent = [&](const TCEvent& event) { texts += event.data.GetMessage(); };
+    TCEvent event = Event(&queue, 0);
+    for (const char* text : {"A", "B", "C", "U", "V"}) {
+        event.data.SetMessage(text);
+        EXPECT_TRUE(*text < 'U' ? SendEvent(&event) : SendUrgentEvent(&event));
+    }
+    event.data.SetMessage("changed");
+    EXPECT_EQ(queue.CountEvent(), 5U);
+    loop.Drain();
+    EXPECT_EQ(texts, "VUABC");
+    EXPECT_EQ(queue.CountEvent(), 0U);
+}
+
+TEST_F(QueueTest, OneEntryIsDispatchedInEachCallback)
+{
+    Noting<TCHandler> other;
+    other.m_EventIO = &queue;
+    queue.onEvent = [&](const TCEvent& event) { event.id == 7 && Send(&other, 8); };
+    EXPECT_TRUE(Send(&queue, 7));
+    loop.Step();
+    EXPECT_EQ(queue.seen, "e7 c7 ");
+    EXPECT_EQ(other.seen, "");
+    loop.Drain();
+    EXPECT_EQ(other.seen, "e8 c8 ");
+    EXPECT_FALSE(TCEventIO("").OnEvent(nullptr));
+}
+
+TEST_F(QueueTest, BusyLockOnlyDelaysTheDispatch)
+{
+    EXPECT_TRUE(Send(&queue, 7));
+    LockHolder holder;
+    holder.Hold(queue.m_QueueMutex);
+    loop.Step();
+    loop.Step();
+    EXPECT_EQ(CountLog(kError, "Try lock mutex fail!"), 2);
+    EXPECT_EQ(queue.seen, "");
+    holder.Release();
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e7 c7 ");
+}
+
+TEST_F(QueueTest, FullPipeRefusesWithoutWaitingAndLosesNothing)
+{
+    for (const int size : {4096, 8192, 65536}) {
+        for (const unsigned int dispatchedFirst : {0U, 1U, 3000U}) {
+            SCOPED_TRACE(std::to_string(size) + " " + std::to_string(dispatchedFirst));
+            Queue tight;
+            ASSERT_TRUE(tight.Init(loop.Get()));
+            ASSERT_EQ(fcntl(tight.m_PipeFileDes[1], F_SETPIPE_SZ, size), size);
+            ForgetLog();
+            unsigned int accepted = 0, dispatched = 0;
+            tight.onEvent = [&](const TCEvent&) { ++dispatched; };
+            const auto fill = [&] {
+                while (Send(&tight, 7)) {
+                    ++accepted;
+                }
+            };
+            fill();
+            EXPECT_GE(accepted, size == 65536 ? 60000U : 4096U);
+            for (unsigned int i = 0; i < dispatchedFirst; ++i) {
+                loop.Step();
+            }
+            fill();
+            EXPECT_FALSE(SendUrgent(&tight, 7));
+            EXPECT_EQ(CountLog(kError, "event io queue is full!"), 3);
+            EXPECT_EQ(fcntl(tight.m_PipeFileDes[1], F_GETFL) & O_NONBLOCK, 0);
+            loop.Drain();
+            EXPECT_EQ(dispatched, accepted);
+            EXPECT_TRUE(Send(&tight, 7));
+            tight.Final();
+        }
+    }
+}
+
+TEST_F(QueueTest, DeletedEntriesSkipTheirHandlerOnly)
+{
+    Noting<TCHandler> other;
+    other.m_EventIO = &queue;
+    EXPECT_EQ(queue.DeleteEvent(&other), 0);
+    Send(&other, 7);
+    Send(&other, 8);
+    Send(&other, 7);
+    Send(&queue, 7);
+    EXPECT_EQ(queue.DeleteEvent(7, &other), 2);
+    EXPECT_EQ(queue.DeleteEvent(&other), 3);
+    EXPECT_EQ(queue.DeleteEvent(9, nullptr), 0);
+    EXPECT_EQ(queue.CountEvent(), 4U);
+    loop.Drain();
+    EXPECT_EQ(other.seen, "c7 c8 c7 ");
+    EXPECT_EQ(queue.seen, "e7 c7 ");
+    EXPECT_EQ(CountLog(kInfo, "deleted event"), 3);
+}
+
+TEST_F(QueueTest, CallablesAndMessagesAreReleasedHoweverTheyEnd)
+{
+    const auto token = std::make_shared<int>(0);
+    const auto count = [token] { ++*token; };
+    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // runs
+    Send(&queue, EVENT_TRANSFER_MESSAGE, new TCMessage);
+    Send(&queue, EVENT_EXECUTE_FUNCTION);
+    Send(&queue, EVENT_TRANSFER_MESSAGE);
+    loop.Drain();
+    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // deleted
+    queue.DeleteEvent(EVENT_EXECUTE_FUNCTION, nullptr);
+    loop.Drain();
+    Send(&queue, EVENT_CLEAR_QUEUE);
+    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // swept
+    loop.Drain();
+    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // finalised
+    Send(&queue, EVENT_TRANSFER_MESSAGE, new TCMessage);
+    queue.Final();
+    EXPECT_EQ(*token, 1);
+    EXPECT_EQ(token.use_count(), 2); // this test's two
+    EXPECT_EQ(CountLog(kInfo, "execute function in this event io"), 2);
+    EXPECT_EQ(CountLog(kInfo, "transfer async internal event to sync message call"), 2);
+    EXPECT_EQ(CountLog(kInfo, "clear message memory"), 8);
+}
+
+TEST_F(QueueTest, SweepClearsWhatIsQueuedUnlessTheLockIsBusy)
+{
+    for (const unsigned long id : {EVENT_CLEAR_QUEUE, 7UL, 8UL}) {
+        Send(&queue, id);
+    }
+    loop.Step();
+    EXPECT_EQ(queue.seen, "e5 c5 c7 c8 ");
+    EXPECT_EQ(queue.CountEvent(), 0U);
+    Send(&queue, 9);
+    loop.Drain(); // the two bytes left over dispatch nothing twice
+    EXPECT_EQ(queue.seen, "e5 c5 c7 c8 e9 c9 ");
+
+    queue.seen.clear();
+    for (const unsigned long id : {EVENT_CLEAR_QUEUE, 7UL, 8UL}) {
+        Send(&queue, id);
+    }
+    LockHolder holder;
+    queue.onClear = [&](const TCEvent& event) {
+        if (event.id == EVENT_CLEAR_QUEUE) {
+            holder.Hold(queue.m_QueueMutex);
+        }
+    };
+    loop.Step();
+    EXPECT_EQ(queue.seen, "e5 c5 ");
+    holder.Release();
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e5 c5 e7 c7 e8 c8 ");
+}
+
+TEST_F(QueueTest, FinalClearsEntriesThatClearingAddsAndInitRevives)
+{
+    queue.onClear = [&](const TCEvent& event) { event.id < 9 && Send(&queue, event.id + 1); };
+    Send(&queue, 7);
+    Send(&queue, EVENT_CLEAR_QUEUE);
+    queue.Final();
+    EXPECT_EQ(queue.seen, "c7 c5 c8 c6 c9 c7 c8 c9 ");
+    queue.onClear = nullptr;
+    queue.seen.clear();
+    EXPECT_TRUE(queue.Init(loop.Get()));
+    Send(&queue, 7);
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e7 c7 ");
+}
+
+TEST_F(QueueTest, ThrowingClientLeavesNoLockAndNoEventBehind)
+{
+    const auto fail = [](const TCEvent&) { throw std::runtime_error("client"); };
+    GIOChannel* const channel = g_io_channel_unix_new(queue.m_PipeFileDes[0]);
+    g_io_channel_set_encoding(channel, nullptr, nullptr);
+    queue.onEvent = fail;
+    Send(&queue, 7);
+    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
+    EXPECT_EQ(queue.seen, "e7 c7 ");
+    bool returned = false;
+    std::thread sender([&] {
+        TCEvent event = Event(&queue, 8);
+        returned = SendSyncEvent(&event);
+    });
+    Await([&] { return queue.CountEvent() == 1; });
+    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
+    sender.join();
+    EXPECT_TRUE(returned);
+    g_io_channel_unref(channel);
+
+    queue.onEvent = nullptr;
+    queue.onClear = fail;
+    Send(&queue, 9);
+    EXPECT_THROW(queue.Final(), std::runtime_error);
+    queue.onClear = nullptr;
+    std::thread([&] { EXPECT_TRUE(Send(&queue, 9)); }).join(); // would wait for a held lock
+}
+
+TEST_F(QueueTest, FailedReadEndsTheDispatchButNotTheSender)
+{
+    const int kept = dup(queue.m_PipeFileDes[0]); // so that the pipe still has a reader
+    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(unreadable, queue.m_PipeFileDes[0]);
+    close(unreadable);
+    std::thread sender([&] {
+        TCEvent event = Event(&queue, 7);
+        EXPECT_TRUE(SendSyncEvent(&event));
+    });
+    Await([&] { return queue.CountEvent() == 1; });
+    loop.Drain();
+    EXPECT_EQ(CountLog(kError, "Read char from pipe fail,*"), 1);
+    EXPECT_TRUE(Send(&queue, 8));
+    loop.Drain();
+    queue.Final();
+    sender.join();
+    close(kept);
+    EXPECT_EQ(queue.seen, "c8 ");
+}

@@ -1,0 +1,56 @@
+// The stand-in for the platform's log service, in a process of its own.
+#include <cstdio>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::string OutputOf(const std::string& command)
+{
+    struct Close
+    {
+        void operator()(FILE* file) const { pclose(file); }
+    };
+    const std::unique_ptr<FILE, Close> output(popen(command.c_str(), "r"));
+    std::string text;
+    for (int c = std::fgetc(output.get()); c != EOF; c = std::fgetc(output.get())) {
+        text += static_cast<char>(c);
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(LogStandIn, WritesWholeLinesToStandardErrorAndSurvivesItsEnd)
+{
+    const std::string place = R"(/Sennet\((\d+):\1\) log_writer\.cpp: main\(\d+\) >  \[nil\])";
+    const std::string warning = "W" + place + "warning two  lines\n";
+    const std::string error = "E" + place + "x+\n";
+    const std::string info = "I" + place + "info\n";
+    const std::string program = LOG_WRITER;
+    const struct
+    {
+        std::string command, output;
+    } cases[] = {
+        {program + " 2>&1", warning + error},
+        {"SENNET_LOG_LEVEL=nonsense " + program + " 2>&1", warning + error},
+        {"SENNET_LOG_LEVEL=info " + program + " 2>&1", info + warning + error},
+        {"SENNET_LOG_LEVEL=error " + program + " 2>&1", error},
+        {"SENNET_LOG_LEVEL=none " + program + " 2>&1; echo $?", "0\n"},
+        {"exec 3>&1; JOURNAL_STREAM=$(stat -Lc %d:%i /dev/fd/3) " + program + " 2>&3",
+         "<4>" + warning + "<3>" + error},
+        {program + " 2>&-; echo $?", "0\n"},
+        // The reader is gone: the write's signal must not end the process.
+        {"exec 3>&1; (sleep 0.2; " + program + "; echo $? >&3) 2>&1 >/dev/null | true", "0\n"},
+    };
+    for (const auto& c : cases) {
+        const std::string output = OutputOf(c.command);
+        EXPECT_TRUE(std::regex_match(output, std::regex(c.output))) << c.command << "\n" << output;
+        for (std::size_t start = 0; start < output.size(); start = output.find('\n', start) + 1) {
+            EXPECT_LE(output.find('\n', start) - start, 4095U);
+        }
+    }
+}

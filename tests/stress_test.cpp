@@ -1,0 +1,112 @@
+// Producers, cross sends, synchronous sends, pings, deletions and sweeps at once: every by-value
+// event that was accepted gets exactly one OnClear.
+#include <atomic>
+#include <memory>
+
+#include "Harness.h"
+
+using namespace Velmora;
+
+namespace {
+
+constexpr unsigned long kTracked = 100;
+constexpr unsigned long kCrossing = 101;
+constexpr unsigned long kSync = 102;
+
+// What a tracked event owns: freed by OnClear, so that a second one is a use after free and a
+// missing one a leak.
+struct Token
+{
+    static std::atomic<int> alive;
+    Token() { ++alive; }
+    ~Token() { --alive; }
+};
+std::atomic<int> Token::alive{0};
+
+class Peer : public TCTask
+{
+public:
+    Peer() : TCTask("peer") {}
+
+    Peer* other = nullptr;
+    std::atomic<int> accepted{0}, cleared{0}, handled{0};
+
+    bool Track(unsigned long id, bool urgent)
+    {
+        auto token = std::make_unique<Token>();
+        TCEvent event = Event(this, id, token.get());
+        event.data.m_Json["n"] = 1;
+        if (!(urgent ? ::Velmora::SendUrgentEvent(&event) : ::Velmora::SendEvent(&event))) {
+            return false;
+        }
+        static_cast<void>(token.release());
+        ++accepted;
+        return true;
+    }
+
+protected:
+    bool t_OnEvent(const TCEvent* event) override
+    {
+        ++handled;
+        if (event->id == kCrossing) {
+            other->Track(kTracked, handled % 2 == 0);
+        }
+        return TCTask::t_OnEvent(event);
+    }
+    void t_Clear(TCEvent* event) override
+    {
+        if (event->id == kTracked || event->id == kCrossing) {
+            ++cleared;
+            delete static_cast<Token*>(event->param.p);
+        }
+        TCTask::t_Clear(event);
+    }
+};
+
+} // namespace
+
+TEST(Stress, EveryAcceptedEventIsClearedExactlyOnce)
+{
+    for (int round = 0; round < 3; ++round) {
+        Peer peers[2];
+        peers[0].other = &peers[1];
+        peers[1].other = &peers[0];
+        ASSERT_TRUE(peers[0].Create("peer", true));
+        ASSERT_TRUE(peers[1].Create("peer", true));
+        constexpr int kRounds = 2000;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 3; ++t) {
+            threads.emplace_back([&peers, t] {
+                for (int i = 0; i < kRounds; ++i) {
+                    peers[(i + t) % 2].Track(i % 3 == 0 ? kCrossing : kTracked, i % 7 == 0);
+                }
+            });
+        }
+        threads.emplace_back([&peers] {
+            for (int i = 0; i < kRounds / 10; ++i) {
+                TCEvent event = Event(&peers[i % 2], kSync);
+                EXPECT_TRUE(SendSyncEvent(&event) || i % 2 == 1);
+                TCEventIO::Ping(&peers[i % 2], 0);
+            }
+        });
+        threads.emplace_back([&peers] {
+            for (int i = 0; i < kRounds / 10; ++i) {
+                peers[i % 2].DeleteEvent(kTracked, nullptr);
+                SendUrgent(&peers[i % 2], EVENT_CLEAR_QUEUE);
+                peers[i % 2].CountEvent();
+            }
+        });
+        threads.emplace_back([&peers] { // ends one of them in the middle of it
+            Await([&peers] { return peers[1].handled > kRounds / 4; });
+            peers[1].Destroy();
+        });
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        peers[0].Destroy();
+        EXPECT_EQ(peers[0].accepted, peers[0].cleared);
+        EXPECT_EQ(peers[1].accepted, peers[1].cleared);
+        EXPECT_EQ(Token::alive, 0);
+        ForgetLog();
+    }
+}

@@ -1,0 +1,145 @@
+// Synchronous sends and pings.
+#include "Harness.h"
+
+using namespace Velmora;
+
+namespace {
+
+class SyncTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ForgetLog();
+        ASSERT_TRUE(task.Create("task"));
+        ASSERT_TRUE(idle.Init(loop.Get()));
+    }
+    void TearDown() override
+    {
+        task.Destroy();
+        idle.Final();
+    }
+
+    Task task{"task"};
+    Loop loop;
+    Queue idle; // on a loop that runs only when the test says so
+};
+
+} // namespace
+
+TEST_F(SyncTest, HandlerHasFinishedWithTheCallersOwnEvent)
+{
+    TCEvent event = Event(&task, 7);
+    const TCEvent* handled = nullptr;
+    GThread* thread = nullptr;
+    task.onEvent = [&](const TCEvent& seen) {
+        handled = &seen;
+        thread = g_thread_self();
+    };
+    for (int i = 0; i < 2000; ++i) { // the pair goes each time, under whoever still touches it
+        handled = nullptr;
+        ASSERT_TRUE(SendSyncEvent(&event));
+        ASSERT_EQ(handled, &event);
+    }
+    EXPECT_NE(thread, g_thread_self());
+    task.Destroy();
+    EXPECT_EQ(CountLog(kError, ""), 4000);
+    EXPECT_EQ(task.seen.find('c'), task.seen.find("c1")); // no OnClear but the exit event's
+    ASSERT_TRUE(task.Create("task"));
+}
+
+TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeleted)
+{
+    TCEvent event = Event(&idle, 7);
+    std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
+    Await([&] { return idle.CountEvent() == 1; });
+    EXPECT_EQ(idle.DeleteEvent(nullptr), 1);
+    loop.Drain();
+    sender.join();
+    EXPECT_EQ(idle.seen, "e7 ");
+}
+
+TEST_F(SyncTest, EventWithoutPairIsTold)
+{
+    TCEvent event = Event(&idle, 7);
+    event.sync = true; // queued by pointer, without a sender that waits
+    EXPECT_TRUE(SendEvent(&event));
+    loop.Drain();
+    EXPECT_EQ(idle.seen, "e7 ");
+    EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
+}
+
+TEST_F(SyncTest, PingTellsALivingLoopFromAStoppedOne)
+{
+    EXPECT_FALSE(TCEventIO::Ping(nullptr, 0));
+    EXPECT_EQ(CountLog(kError, "*"), 0);
+    EXPECT_TRUE(TCEventIO::Ping(&task, VELMORA_INFINITY));
+    for (const unsigned long timeout : {0UL, 5000UL}) {
+        const gint64 start = g_get_monotonic_time();
+        EXPECT_FALSE(TCEventIO::Ping(&idle, timeout));
+        EXPECT_GE(g_get_monotonic_time() - start, timeout == 0 ? 2100 : 5000);
+    }
+    loop.Drain(); // both pings come too late and are released
+    EXPECT_EQ(idle.seen, "e4 c4 e4 c4 ");
+    EXPECT_TRUE(TCEventIO::Ping(&task, 60000000));
+
+    Queue closed;
+    EXPECT_FALSE(TCEventIO::Ping(&closed, 0));
+    EXPECT_EQ(CountLog(kError, "event io queue has destroyed!"), 1);
+}
+
+TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
+{
+    // By deletion, by a sweep, by Final: the pinger gets its timeout; the synchronous sender goes
+    // on at once where its entry is cleared, and its handler has not run.
+    TCEvent event = Event(&idle, 7);
+    bool alive = true;
+    std::thread pinger([&] { alive = TCEventIO::Ping(&idle, 20000); });
+    Await([&] { return idle.CountEvent() == 1; });
+    EXPECT_EQ(idle.DeleteEvent(EVENT_PING, nullptr), 1);
+    loop.Drain();
+    pinger.join();
+    EXPECT_FALSE(alive);
+
+    for (const bool final : {false, true}) {
+        std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
+        Await([&] { return idle.CountEvent() == 1; });
+        pinger = std::thread([&] { alive = TCEventIO::Ping(&idle, 20000); });
+        Await([&] { return idle.CountEvent() == 2; });
+        if (final) {
+            idle.Final();
+        } else {
+            SendUrgent(&idle, EVENT_CLEAR_QUEUE);
+            loop.Drain();
+        }
+        sender.join();
+        pinger.join();
+        EXPECT_FALSE(alive);
+    }
+    EXPECT_EQ(idle.seen, "c4 e5 c5 c4 c4 ");
+}
+
+TEST_F(SyncTest, LimitTakesBackAQueuedEventAndWaitsForARunningHandler)
+{
+    TCEvent queued = Event(&idle, 7);
+    std::thread first([&] { EXPECT_TRUE(SendSyncEvent(&queued)); });
+
+    std::atomic<bool> finished{false};
+    task.onEvent = [&](const TCEvent& event) {
+        if (event.id == 7) {
+            g_usleep(21 * G_USEC_PER_SEC); // longer than any sender's limit
+            finished = true;
+        }
+    };
+    {
+        TCEvent running = Event(&task, 7);
+        EXPECT_TRUE(SendSyncEvent(&running));
+        EXPECT_TRUE(finished);
+    }
+    first.join();
+    EXPECT_EQ(idle.CountEvent(), 0U);
+    loop.Drain(); // its byte dispatches nothing
+    EXPECT_TRUE(Send(&idle, 8));
+    loop.Drain();
+    EXPECT_EQ(idle.seen, "e8 c8 ");
+}
