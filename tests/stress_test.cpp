@@ -97,7 +97,7 @@ TEST(Stress, EveryAcceptedEventIsClearedExactlyOnce)
             }
         });
         threads.emplace_back([&peers] { // ends one of them in the middle of it
-            Await([&peers] { return peers[1].handled > kRounds / 4; });
+            Await([&peers] { return peers[1].accepted > kRounds / 4; });
             peers[1].Destroy();
         });
         for (auto& thread : threads) {

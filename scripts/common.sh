@@ -1,0 +1,32 @@
+# For the scripts beside this file: `. "$(dirname "$0")/common.sh"`.
+set -eu
+cd "$(dirname "$(readlink -f "$0")")/.."
+
+say() { printf '== %s\n' "$*"; }
+
+# Installs the Debian packages that are missing.
+need() {
+    missing=
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+            missing="$missing $package"
+    done
+    [ -n "$missing" ] || return 0
+    say "Installing$missing"
+    as_root=
+    [ "$(id -u)" = 0 ] || as_root=sudo
+    $as_root apt-get update -q
+    # shellcheck disable=SC2086 # a list of words each
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends $missing
+}
+
+# Configures and builds one preset of CMakePresets.json, with further arguments for the build.
+build() {
+    preset=$1
+    shift
+    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev
+    say "Building preset \"$preset\" in build/$preset"
+    cmake --preset "$preset" >build.log 2>&1 || { cat build.log; rm -f build.log; return 1; }
+    rm -f build.log
+    cmake --build --preset "$preset" "$@"
+}
