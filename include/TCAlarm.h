@@ -26,8 +26,8 @@ using TCAlarmCallback = bool (*)(void* userData);
 /// Every operation may be called on any thread, and from inside the callback. The callback runs
 /// with the alarm's lock held: a call from another thread waits until it has returned, and once
 /// Destroy() has returned the callback is not running and does not run again. Destroying the object
-/// right after that is safe on the loop's thread, or when the loop has stopped; elsewhere a timer
-/// that was just about to fire may still be waiting for the lock.
+/// right after that is safe on the loop's thread, though not inside the callback, and when the loop
+/// has stopped; elsewhere a timer that was just about to fire may still be waiting for the lock.
 ///
 /// If the lock cannot be had, `std::system_error` is thrown.
 class TCAlarm

@@ -35,7 +35,8 @@ public:
     ///
     /// After a call that failed, IOs that were added before it count as added for the next call,
     /// which finalises what the failed one had initialised and starts afresh. They live until then,
-    /// or until the task's destructor, which does not touch them.
+    /// or until the task's destructor, which does not touch them; receivers of events that the
+    /// queue has accepted live until it has cleared them there.
     /// @param name the thread's name; may be null
     /// @param here true: the set-up (t_AddIO(), every Init(), t_Create()) runs on the calling
     ///             thread and is over when the call returns; its failure is the result, and after
@@ -84,12 +85,14 @@ protected:
     std::atomic<GMainLoop*> m_TaskLoop{nullptr}; ///< owned; released under #m_StateMutex
 
 private:
+    class FailedSetupMark;
+
     void m_DropFailedSetup();
     void m_SetSettingUp(bool settingUp);
     GMainContext* m_RefContextAfterSetup();
-    static gboolean m_RetryExit(gpointer task);
+    static gboolean m_InsistOnExit(gpointer task);
 
-    std::mutex m_DestroyMutex; ///< one Destroy() at a time
+    std::mutex m_DestroyMutex; ///< one Destroy() at a time, and none while the thread is started
     std::mutex m_StateMutex;   ///< guards m_SettingUp, and the loop and context for Destroy()
     std::condition_variable m_SetupOver; ///< signals the fall of m_SettingUp
     bool m_SettingUp = false;            ///< the set-up runs on the task's thread

@@ -30,7 +30,7 @@ constexpr std::size_t kLineMax = PIPE_BUF;
 
 int ReadThreshold()
 {
-    const char* wanted = std::getenv("SENNET_LOG_LEVEL");
+    const char* wanted = std::getenv("SENNET_LOG_LEVEL"); // NOLINT(concurrency-mt-unsafe)
     if (wanted == nullptr) {
         return kWarning;
     }
@@ -46,7 +46,8 @@ int ReadThreshold()
 // A service manager tells which stream is the journal's by its device and inode.
 bool IsJournal()
 {
-    const char* journal = std::getenv("JOURNAL_STREAM");
+    static const char* const journal =
+        std::getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe): once
     struct stat status = {};
     if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0) {
         return false;

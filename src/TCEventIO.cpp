@@ -1,5 +1,6 @@
 #include "TCEventIO.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <memory>
@@ -18,9 +19,10 @@ using namespace Internal;
 
 namespace {
 
-constexpr unsigned long kLockWait = 1000;     // microseconds
-constexpr unsigned long kSyncWait = 20000000; // microseconds
-constexpr unsigned long kPingWaitMin = 2100;  // microseconds
+constexpr unsigned long kLockWait = 1000;      // microseconds
+constexpr unsigned long kSyncWait = 20000000;  // microseconds
+constexpr unsigned long kTakeBackWait = 10000; // microseconds
+constexpr unsigned long kPingWaitMin = 2100;   // microseconds
 
 const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 
@@ -258,27 +260,20 @@ bool TCEventIO::m_AwaitHandler(const TCEvent* event, TCSemaphore& handled)
         return true;
     }
     // Neither side is waited for alone: who clears the queue holds its lock until this sender has
-    // left the pair, and a queue that has answered may be gone.
-    while (!handled.Try(0)) {
+    // left the pair, and a queue that has answered may be gone. An entry that is not in the list is
+    // with its handler.
+    while (!handled.Try(kTakeBackWait)) {
         if (!m_QueueMutex.Try(kLockWait)) {
             continue;
         }
-        std::list<TCEvent*> own;
-        {
-            const MutexGuard guard(m_QueueMutex, std::adopt_lock);
-            for (auto entry = m_EventList.begin(); entry != m_EventList.end(); ++entry) {
-                if (*entry == event) {
-                    own.splice(own.begin(), m_EventList, entry);
-                    --m_EntryCount;
-                    break;
-                }
-            }
-        }
-        if (!own.empty()) {
+        std::list<TCEvent*> own; // freed after the lock
+        const MutexGuard guard(m_QueueMutex, std::adopt_lock);
+        const auto entry = std::find(m_EventList.begin(), m_EventList.end(), event);
+        if (entry != m_EventList.end()) {
+            own.splice(own.begin(), m_EventList, entry);
+            --m_EntryCount;
             return false;
         }
-        handled.Take(); // the handler is running
-        break;
     }
     return true;
 }
@@ -355,6 +350,7 @@ bool TCEventIO::m_Put(TCEvent* event)
 bool TCEventIO::m_Insert(TCEvent* event)
 {
     auto copy = std::make_unique<TCEvent>(*event);
+    copy->sync = false; // left set by a SendSyncEvent of the same object
     std::list<TCEvent*> node{copy.get()};
     if (!m_Report(m_Post(node, true))) {
         return false;

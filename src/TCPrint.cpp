@@ -51,6 +51,7 @@ void TCPrint::sennet_hw_clock_s(const char* name, int number, const char* format
     const std::size_t prefix = strnlen(line, 190);
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is seen wrongly
     std::vsnprintf(line + prefix, sizeof line - prefix, format, arguments);
     va_end(arguments);
     prctl(kClockLine, line, std::strlen(line), 0, 0);

@@ -10,6 +10,8 @@ using namespace Internal;
 
 namespace {
 
+constexpr int kWhenDrained = G_PRIORITY_LOW;
+
 const char* NameOrEmpty(const char* name)
 {
     if (name == nullptr) {
@@ -20,6 +22,24 @@ const char* NameOrEmpty(const char* name)
 }
 
 } // namespace
+
+// Notes how much of the list a set-up on the calling thread has left, however Create ends.
+class TCTask::FailedSetupMark
+{
+public:
+    explicit FailedSetupMark(TCTask& task) : m_Task(task) {}
+    ~FailedSetupMark()
+    {
+        if (m_Task.m_Thread == nullptr && m_Task.m_TaskLoop != nullptr) {
+            m_Task.m_StaleIOs = g_list_length(m_Task.m_IOList);
+        }
+    }
+    FailedSetupMark(const FailedSetupMark&) = delete;
+    FailedSetupMark& operator=(const FailedSetupMark&) = delete;
+
+private:
+    TCTask& m_Task;
+};
 
 TCTask::TCTask(const char* name) : TCEventIO(NameOrEmpty(name)) {}
 
@@ -53,11 +73,13 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
         return false;
     }
     m_DropFailedSetup();
+    const FailedSetupMark mark(*this);
     if (here && !m_InitMainLoop()) {
-        m_StaleIOs = g_list_length(m_IOList);
         Destroy();
         return false;
     }
+    // A Destroy on another thread must not come between the start of the thread and its record.
+    const std::lock_guard<std::mutex> lock(m_DestroyMutex);
     m_SetSettingUp(!here);
     GError* raw = nullptr;
     GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, this, &raw);
@@ -67,7 +89,6 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
             VELMORA_LOGE("Thread created fail,%s", error->message);
         }
         m_SetSettingUp(false);
-        m_StaleIOs = here ? g_list_length(m_IOList) : 0;
         return false;
     }
     m_Thread = thread;
@@ -197,20 +218,19 @@ void TCTask::Destroy()
         return;
     }
     const std::lock_guard<std::mutex> lock(m_DestroyMutex);
-    const ContextPtr context(m_RefContextAfterSetup());
-    SourcePtr retry;
+    ContextPtr context(m_RefContextAfterSetup());
+    SourcePtr insistence;
     if (context) {
         TCEvent event;
         event.receiver = this;
         event.id = EVENT_EXIT_TASK;
-        if (!SendEvent(&event) && m_Thread != nullptr) {
-            // No room: the loop tries again itself after each event that it has dispatched. Where
-            // the queue is closed because the task is ending, no loop runs this any more.
-            retry.reset(g_idle_source_new());
-            g_source_set_priority(retry.get(), G_PRIORITY_DEFAULT);
-            g_source_set_callback(retry.get(), &TCTask::m_RetryExit, this, nullptr);
-            g_source_attach(retry.get(), context.get());
+        if (const bool sent = SendEvent(&event); m_Thread != nullptr) {
+            insistence.reset(g_idle_source_new());
+            g_source_set_priority(insistence.get(), sent ? kWhenDrained : G_PRIORITY_DEFAULT);
+            g_source_set_callback(insistence.get(), &TCTask::m_InsistOnExit, this, nullptr);
+            g_source_attach(insistence.get(), context.get());
         }
+        context.reset(); // the task's thread is to be the last to release it
     }
     if (m_Thread != nullptr) {
         g_thread_join(m_Thread);
@@ -228,7 +248,10 @@ GMainContext* TCTask::m_RefContextAfterSetup()
     return m_TaskLoop != nullptr ? g_main_context_ref(m_Context) : nullptr;
 }
 
-gboolean TCTask::m_RetryExit(gpointer data)
+// Runs on the loop while Destroy waits, because its exit event may find no room, or may be deleted
+// or swept. Without room it is sent again after each event that is dispatched; once it is queued,
+// this comes up only if the loop has nothing else to do, and then the exit event was lost.
+gboolean TCTask::m_InsistOnExit(gpointer data)
 {
     auto* const task = static_cast<TCTask*>(data);
     auto event = std::make_unique<TCEvent>();
@@ -238,7 +261,8 @@ gboolean TCTask::m_RetryExit(gpointer data)
     switch (task->m_Post(node, false)) {
     case PostResult::Queued:
         static_cast<void>(event.release()); // the list's
-        return G_SOURCE_REMOVE;
+        g_source_set_priority(g_main_current_source(), kWhenDrained);
+        return G_SOURCE_CONTINUE;
     case PostResult::PipeFull:
         return G_SOURCE_CONTINUE;
     default: // nothing is dispatched any more that could end the loop

@@ -216,3 +216,37 @@ TEST_F(TaskTest, DestroyEndsATaskWhoseQueueIsFull)
     destroyer.join();
     EXPECT_EQ(handled, accepted - 1);
 }
+
+TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
+{
+    for (const bool sweep : {false, true}) {
+        Task losing("losing");
+        std::promise<void> begun;
+        losing.onEvent = [&](const TCEvent& event) {
+            if (event.id == 7) {
+                begun.set_value();
+                Await([&] { return losing.CountEvent() > 0; });
+                losing.DeleteEvent(nullptr);
+                sweep&& SendUrgent(&losing, EVENT_CLEAR_QUEUE);
+            }
+        };
+        ASSERT_TRUE(losing.Create("losing"));
+        Send(&losing, 7);
+        begun.get_future().wait();
+        losing.Destroy();
+        EXPECT_EQ(losing.seen, sweep ? "e7 c7 e5 c5 c1 e1 c1 " : "e7 c7 c1 e1 c1 ");
+    }
+}
+
+TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
+{
+    task.inSetup = [] { throw std::runtime_error("client"); };
+    EXPECT_THROW(task.Create("name"), std::runtime_error);
+    task.inSetup = nullptr;
+    task.AddIO(&task.x);
+    task.journal.clear();
+    EXPECT_TRUE(task.Create("name"));
+    EXPECT_TRUE(Send(&task, 7));
+    task.Destroy();
+    EXPECT_EQ(task.journal, "-task-z-x destroy+x+task+z create main-x-task-z destroy");
+}
