@@ -15,6 +15,10 @@ namespace Velmora {
 /// count of a TCAlarm, "for ever".
 extern const std::uint64_t VELMORA_INFINITY;
 
+namespace Internal {
+void AnswerSyncPair(void* pair);
+}
+
 /// A counting semaphore.
 ///
 /// Order of use: construct, Create(), use from any threads, Destroy(), destruct. The constructor
@@ -56,11 +60,17 @@ public:
 
 private:
     friend class TCMutex;
+    friend void Internal::AnswerSyncPair(void* pair);
+
+    bool m_WaitOnce(unsigned long timeout);
+    bool m_AddOne();
+    void m_GiveKept();
 
     int m_Count;                    ///< guarded by *m_EventMutex
     GMutex* m_EventMutex = nullptr; ///< owned; null while not created
     GCond* m_EventCond = nullptr;   ///< owned; null while not created
-    int m_Waiters = 0; ///< threads inside a wait, guarded by *m_EventMutex: no waiter, no signal
+    int m_Waiters = 0;              ///< threads inside a wait, guarded by *m_EventMutex
+    int m_Woken = 0; ///< of these, at most so many are signalled and not back; same guard
 };
 
 /// A recursive mutex with a timeout.

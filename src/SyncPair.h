@@ -44,7 +44,7 @@ inline void LeaveSyncPair(SyncPairPtr pair)
 // The receiving side's first half: the sender goes on.
 inline void AnswerSyncPair(void* pair)
 {
-    static_cast<TCSemaphore*>(pair)[0].Give();
+    static_cast<TCSemaphore*>(pair)[0].m_GiveKept(); // FreeSyncPair of this thread frees it
 }
 
 // The receiving side's second half: waits until the sender has left, then frees the pair.

@@ -44,13 +44,28 @@ bool TCSemaphore::Create(int initialCount)
     return true;
 }
 
+// Waits until signalled, or for the timeout, and tells which it was. The caller holds the lock.
+bool TCSemaphore::m_WaitOnce(unsigned long timeout)
+{
+    bool signalled = true;
+    ++m_Waiters;
+    if (timeout == VELMORA_INFINITY) {
+        g_cond_wait(m_EventCond, m_EventMutex);
+    } else {
+        signalled = g_cond_wait_until(m_EventCond, m_EventMutex, DeadlineAfter(timeout)) != 0;
+    }
+    --m_Waiters;
+    if (m_Woken > 0) {
+        --m_Woken;
+    }
+    return signalled;
+}
+
 void TCSemaphore::Take()
 {
     const NativeGuard guard(m_EventMutex);
     while (m_Count < 1) {
-        ++m_Waiters;
-        g_cond_wait(m_EventCond, m_EventMutex);
-        --m_Waiters;
+        m_WaitOnce(VELMORA_INFINITY);
     }
     --m_Count;
 }
@@ -65,14 +80,9 @@ bool TCSemaphore::Try(unsigned long timeout)
         VELMORA_LOGE("m_EventMutex is NULL");
         return false;
     }
-
     const NativeGuard guard(m_EventMutex);
     while (m_Count < 1) {
-        ++m_Waiters;
-        const bool woken =
-            g_cond_wait_until(m_EventCond, m_EventMutex, DeadlineAfter(timeout)) != 0;
-        --m_Waiters;
-        if (!woken) {
+        if (!m_WaitOnce(timeout)) {
             return false;
         }
     }
@@ -80,13 +90,39 @@ bool TCSemaphore::Try(unsigned long timeout)
     return true;
 }
 
+// Counts one up and tells whether to signal: a signal is a system call, and a waiter that was
+// signalled for an earlier unit, and has not come to look yet, will find this one. The caller holds
+// the lock.
+bool TCSemaphore::m_AddOne()
+{
+    ++m_Count;
+    if (m_Waiters <= m_Woken) {
+        return false;
+    }
+    ++m_Woken;
+    return true;
+}
+
 void TCSemaphore::Give()
 {
     const NativeGuard guard(m_EventMutex);
-    ++m_Count;
-    if (m_Waiters > 0) {
+    if (m_AddOne()) {
         // Under the lock: a waiter that finds the unit may destroy this object as soon as it has
         // the lock.
+        g_cond_signal(m_EventCond);
+    }
+}
+
+// Give for a semaphore that only the calling thread will free. The waiter is woken when it can have
+// the lock: on one processor it would otherwise run at once, find the lock taken, and sleep again.
+void TCSemaphore::m_GiveKept()
+{
+    bool signal = false;
+    {
+        const NativeGuard guard(m_EventMutex);
+        signal = m_AddOne();
+    }
+    if (signal) {
         g_cond_signal(m_EventCond);
     }
 }

@@ -167,7 +167,6 @@ TEST_F(QueueTest, OneEntryIsDispatchedInEachCallback)
     EXPECT_EQ(other.seen, "");
     loop.Drain();
     EXPECT_EQ(other.seen, "e8 c8 ");
-    EXPECT_FALSE(TCEventIO("").OnEvent(nullptr));
 }
 
 TEST_F(QueueTest, BusyLockOnlyDelaysTheDispatch)
@@ -331,6 +330,22 @@ TEST_F(QueueTest, ThrowingClientLeavesNoLockAndNoEventBehind)
     EXPECT_THROW(queue.Final(), std::runtime_error);
     queue.onClear = nullptr;
     std::thread([&] { EXPECT_TRUE(Send(&queue, 9)); }).join(); // would wait for a held lock
+}
+
+TEST_F(QueueTest, FailedWriteQueuesNothing)
+{
+    const int kept = dup(queue.m_PipeFileDes[1]);
+    const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(unwritable, queue.m_PipeFileDes[1]);
+    EXPECT_FALSE(Send(&queue, 7));
+    EXPECT_EQ(CountLog(kError, "event io queue: write to pipe fail,*"), 1);
+    EXPECT_EQ(queue.CountEvent(), 0U);
+    dup2(kept, queue.m_PipeFileDes[1]);
+    close(kept);
+    close(unwritable);
+    EXPECT_TRUE(Send(&queue, 8));
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e8 c8 ");
 }
 
 TEST_F(QueueTest, FailedReadEndsTheDispatchButNotTheSender)
