@@ -254,6 +254,9 @@ GMainContext* TCTask::m_RefContextAfterSetup()
 gboolean TCTask::m_InsistOnExit(gpointer data)
 {
     auto* const task = static_cast<TCTask*>(data);
+    if (!g_main_loop_is_running(task->m_TaskLoop)) {
+        return G_SOURCE_REMOVE; // it has quit, and only a handler's nested loop still runs
+    }
     auto event = std::make_unique<TCEvent>();
     event->receiver = task;
     event->id = EVENT_EXIT_TASK;
