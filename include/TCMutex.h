@@ -25,7 +25,7 @@ void AnswerSyncPair(void* pair);
 /// allocates nothing and the destructor frees nothing. Between Create() and Destroy() every
 /// operation may be called on any thread; Create() and Destroy() themselves must not overlap with
 /// another operation. No operation but Create() allocates.
-class TCSemaphore
+class [[gnu::visibility("default")]] TCSemaphore
 {
 public:
     TCSemaphore() = default;
@@ -77,7 +77,7 @@ private:
 ///
 /// Order of use: construct, Create(), use from any threads, Destroy(), destruct. The destructor
 /// frees nothing.
-class TCMutex
+class [[gnu::visibility("default")]] TCMutex
 {
 public:
     TCMutex() = default;

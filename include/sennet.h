@@ -8,4 +8,7 @@
 #include "TCMessage.h"
 #include "TCMutex.h"
 #include "TCPrint.h"
+#include "TCServer.h"
+#include "TCServerHelper.h"
+#include "TCServerSignalManager.h"
 #include "TCTask.h"

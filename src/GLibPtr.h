@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include <glib.h>
+#include <gio/gio.h>
 
 namespace Velmora::Internal {
 
@@ -18,6 +18,7 @@ struct Releaser
 };
 
 using ErrorPtr = std::unique_ptr<GError, Releaser<g_error_free>>;
+using VariantPtr = std::unique_ptr<GVariant, Releaser<g_variant_unref>>;
 using LoopPtr = std::unique_ptr<GMainLoop, Releaser<g_main_loop_unref>>;
 using ContextPtr = std::unique_ptr<GMainContext, Releaser<g_main_context_unref>>;
 

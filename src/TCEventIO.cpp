@@ -12,6 +12,7 @@
 #include "GLibPtr.h"
 #include "MutexGuard.h"
 #include "SyncPair.h"
+#include "TransferDelivery.h"
 
 namespace Velmora {
 
@@ -556,6 +557,9 @@ bool TCEventIO::t_OnEvent(const TCEvent* event)
         return true;
     case EVENT_TRANSFER_MESSAGE:
         VELMORA_LOGI("transfer async internal event to sync message call");
+        if (param != nullptr) {
+            DeliverTransferredMessage(*event);
+        }
         return true;
     case EVENT_PING:
         if (param != nullptr) {

@@ -1,0 +1,73 @@
+// Sends to the echo service: synchronously, asynchronously, and with a buffer.
+#include <cstdio>
+#include <cstring>
+
+#include "sennet.h"
+
+using namespace Velmora;
+
+namespace {
+
+constexpr char kService[] = "example.echo";
+
+class Client : public TCServer
+{
+public:
+    explicit Client(GMainLoop* loop) : TCServer("example.client", SERVER_TYPE_PROXY), m_Loop(loop)
+    {}
+
+protected:
+    bool IfMessageReplied(const char* from, const TCMessage* message) override
+    {
+        std::printf("asynchronous: %s answers %s\n", from, message->GetString().c_str());
+        g_main_loop_quit(m_Loop);
+        return true;
+    }
+
+private:
+    GMainLoop* m_Loop;
+};
+
+bool Talk(Client& client)
+{
+    while (!client.IsServiceAvailable(kService)) {
+        g_usleep(10000);
+    }
+    TCMessage message;
+    message.m_Json["greeting"] = "hello";
+    TCMessage reply;
+    if (!client.SendMessage(kService, &message, true, &reply)) {
+        return false;
+    }
+    std::printf("synchronous: %s\n", reply.GetMessage().c_str());
+
+    const unsigned char bytes[] = {1, 2, 3};
+    message.SetBuffer(bytes, sizeof bytes);
+    if (!client.SendMessage(kService, &message, true, &reply)) {
+        return false;
+    }
+    unsigned char* back = nullptr;
+    const unsigned int size = reply.GetBuffer(back);
+    std::printf("with a buffer: %u bytes\n", size);
+    return size == sizeof bytes && std::memcmp(back, bytes, size) == 0;
+}
+
+} // namespace
+
+int main()
+{
+    SetAppName("echo_client");
+    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
+    Client client(loop);
+    bool worked = client.CreateDBusProxy() && Talk(client);
+    if (worked) {
+        TCMessage message;
+        message.m_Json["greeting"] = "later";
+        TCMessage wanted; // only says that an answer is wanted
+        worked = client.SendMessage(kService, &message, false, &wanted);
+        g_main_loop_run(loop);
+    }
+    client.CloseDBusProxy();
+    g_main_loop_unref(loop);
+    return worked ? 0 : 1;
+}

@@ -1,0 +1,49 @@
+// A service that answers every message with the message itself, until it is told to end.
+#include <cstdio>
+
+#include <glib-unix.h>
+
+#include "sennet.h"
+
+using namespace Velmora;
+
+namespace {
+
+class EchoService : public TCServer
+{
+public:
+    EchoService() : TCServer("example.echo", SERVER_TYPE_SERVICE) {}
+
+protected:
+    // On the thread that runs the main loop.
+    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                           const char* /*signalName*/) override
+    {
+        std::printf("%s says %s\n", from != nullptr ? from : "somebody",
+                    message->GetString().c_str());
+        *reply = *message;
+        return true;
+    }
+};
+
+} // namespace
+
+int main()
+{
+    SetAppName("echo_service");
+    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
+    const auto quit = [](gpointer data) -> gboolean {
+        g_main_loop_quit(static_cast<GMainLoop*>(data));
+        return G_SOURCE_REMOVE;
+    };
+    g_unix_signal_add(SIGTERM, quit, loop);
+
+    EchoService service;
+    const bool open = service.CreateDBusServer();
+    if (open) {
+        g_main_loop_run(loop); // the bus calls in from here
+    }
+    service.CloseDBusServer();
+    g_main_loop_unref(loop);
+    return open ? 0 : 1;
+}

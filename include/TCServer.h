@@ -1,0 +1,269 @@
+/// @file
+/// A named endpoint on the system message bus.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include <gio/gio.h>
+
+#include "TCEventIO.h"
+#include "TCMessage.h"
+#include "TCServerHelper.h"
+#include "TCServerSignalManager.h"
+
+#pragma GCC visibility push(default)
+
+namespace Velmora {
+
+namespace Internal {
+class HookScope;
+}
+
+/// One endpoint on the D-Bus system bus: sends messages to services by their names, receives
+/// messages in its hooks, broadcasts and receives signals.
+///
+/// Order of use: construct; CreateDBusServer(); run a main loop on the context of that thread; send
+/// and subscribe; CloseDBusServer(); AwaitHooks(); destruct. Create and close may be repeated.
+///
+/// Names. The service name is what clients pass around. The bus name, which is also the interface
+/// name, is the service name with ".message" behind it, for an activity with its owner's name and a
+/// "." before it; characters that a bus name cannot hold become "_".
+///
+/// Threads. The hooks of this class and signal callbacks run on the bus dispatch thread: whichever
+/// thread runs a main loop on the context that was thread-default where CreateDBusServer() or
+/// SubscribeSignal() was called, which is the global default context unless the client has pushed
+/// one. Without such a loop no hook runs, and what arrives piles up. A send inside one process runs
+/// the target's IfMessageReceived() on the calling thread, several at once if several threads send.
+///
+/// Lifetime. Whatever arrives for a server that has been destroyed touches nothing, and the
+/// destructor waits for hooks that run on other threads. But by then the derived class is gone: a
+/// derived class whose hooks run on other threads calls AwaitHooks() between the close and its own
+/// destruction, its destructor's first line at the latest.
+///
+/// Several operations may overlap on one server: sends with sends, subscriptions and a close. Not
+/// with anything but itself: the destructor. IsServiceAvailable() must not overlap a close.
+class [[gnu::visibility("default")]] TCServer
+{
+public:
+    enum TCServerType {
+        SERVER_TYPE_SERVICE = 0, ///< the service of the process; at most one is open
+        SERVER_TYPE_ACTIVITY,    ///< a sub-service of the process; any number
+        SERVER_TYPE_PROXY        ///< can send and subscribe, and owns no name
+    };
+
+    /// Touches no bus.
+    /// @param name the service name
+    /// @param type fixed for good
+    TCServer(std::string name, TCServerType type);
+
+    /// Waits for hooks on other threads, and closes nothing: CloseDBusServer() comes first.
+    virtual ~TCServer();
+    TCServer(const TCServer&) = delete;
+    TCServer& operator=(const TCServer&) = delete;
+
+    /// Connects to the system bus and, for a service or an activity, requests the name, exports the
+    /// object and enters the server among those of the process. Whether the bus grants the name
+    /// shows later: the signal "service_start_default" goes out when it does.
+    /// @return whether the server is open; what a failed call leaves is released by the next one or
+    ///         by CloseDBusServer()
+    bool CreateDBusServer();
+
+    /// The same operation: what is made is decided by the type.
+    bool CreateDBusProxy();
+
+    /// Closes whatever the server holds, in any state. Waits for sends of this server that are
+    /// under way; those that come meanwhile are refused. Blocks until the bus has taken what was
+    /// sent. Not to be called inside a send of this server, nor where such a send waits for this
+    /// thread.
+    void CloseDBusServer();
+
+    /// The same operation.
+    void CloseDBusProxy();
+
+    /// For a closed server: waits until no hook or callback of it runs on another thread, and lets
+    /// none start before the next create. Late replies, moved messages and signals are then
+    /// dropped, calls get the error reply. May be called inside a hook, for whose own end it does
+    /// not wait.
+    /// @return false, with an error line, on a server that is not closed
+    bool AwaitHooks();
+
+    /// Writes an error line: a server has no loop of its own.
+    /// @return null
+    GMainLoop* GetMainLoop();
+
+    /// Asks the bus whether a service has an owner, and blocks for up to the bus's timeout. An
+    /// activity is asked for as "owner.activity".
+    bool IsServiceAvailable(const char* serviceName);
+
+    /// Sends a message to a service. Any thread.
+    ///
+    /// Inside one process a synchronous send calls the target's hook on the calling thread, and an
+    /// asynchronous one without a reply goes through the target's queue if the target is a
+    /// TCEventIO; everything else goes over the bus.
+    /// @param dest the target's service name; an activity of another process is "owner.activity"
+    /// @param message stays the caller's and unchanged
+    /// @param sync true waits for the answer
+    /// @param reply synchronous: receives the answer, not null. Asynchronous: not null asks for
+    ///              IfMessageReplied(); the object is not used
+    /// @param timeout of a synchronous call over the bus in milliseconds, -1 for GDBus's default
+    /// @return synchronous: whether an answer came that does not say `"dbus_result":"fail"`;
+    ///         asynchronous: whether the message was handed on. False comes with a log line.
+    bool SendMessage(const char* dest, const TCMessage* message, bool sync, TCMessage* reply,
+                     int timeout = -1);
+
+    /// SendMessage() of the server of this process with the service name `server`.
+    static bool SendMessage(const char* server, const char* dest, const TCMessage* message,
+                            bool sync, TCMessage* reply);
+
+    /// Broadcasts a signal. Any thread.
+    /// @param signalName a D-Bus member name
+    /// @param message copied; may be null
+    /// @return whether it was handed to the bus
+    bool SendSignal(const char* signalName, const TCMessage* message);
+
+    /// SendSignal() of the server of this process with the service name `source`.
+    static bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
+
+    /// Subscribes to a signal until UnSubscribeSignal() or the close. Any thread; see above for the
+    /// thread of the callback.
+    /// @param from the sender's service name; null means anyone
+    /// @param signal the signal's name
+    /// @param callback null gives the signal to IfMessageReceived()
+    /// @param userData handed to the callback
+    /// @return true if subscribed, or subscribed before, when the first callback stays
+    bool SubscribeSignal(const char* from, const char* signal, TCSignalCallback callback,
+                         void* userData);
+
+    /// SubscribeSignal() of the server of this process with the service name `source`; `from` is
+    /// not null here.
+    static bool SubscribeSignal(const char* source, const char* from, const char* signal,
+                                TCSignalCallback callback, void* userData);
+
+    /// Ends a subscription that was made with a `from`.
+    /// @return false without an open connection or a `from`
+    bool UnSubscribeSignal(const char* from, const char* signal);
+    static bool UnSubscribeSignal(const char* source, const char* from, const char* signal);
+
+    /// Key signals do not exist; these answer false.
+    bool SubscribeKeySignal(const char* name, const char* key, TCSignalCallback callback,
+                            void* userData);
+    static bool SubscribeKeySignal(const char* source, const char* name, const char* key,
+                                   TCSignalCallback callback, void* userData);
+    bool UnSubscribeKeySignal(const char* name, const char* key);
+    static bool UnSubscribeKeySignal(const char* source, const char* name, const char* key);
+
+    /// @return the open server of this process with that service name, which lives as long as the
+    ///         client keeps it; null, with a log line, if there is none
+    static TCServer* m_GetDbusServer(const char* source);
+
+    /// @return the bus name of a service: that of the open server of this process, or the name with
+    ///         ".message" behind it, made legal
+    static std::string m_GetDBusName(std::string name);
+
+    /// The open servers of this process but proxies, by service name. It owns nothing. The library
+    /// guards it with a lock of its own: clients read it only where no server is opened or closed.
+    static std::map<std::string, TCServer*> m_CreatedDbusServers;
+
+    /// What GDBus calls for the exported object.
+    static const GDBusInterfaceVTable m_gVTable;
+
+protected:
+    /// For subclasses: says where an inbound call is handled. Runs on the bus dispatch thread.
+    /// @param target set it to a queue and return true to have IfMessageReceived() run on the
+    /// thread
+    ///               of that queue's loop
+    virtual bool IfTransferMessage(const char* from, const TCMessage* message, TCEventIO*& target);
+
+    /// For subclasses: handles a message or a signal. Arguments live for the length of the call.
+    /// @param from the sender's service name by its own claim; null for a body of unknown shape
+    /// @param reply to be filled; its content is the answer. Thrown away for a signal.
+    /// @param signalName null for a message, the name for a signal that has no callback
+    /// @return not looked at
+    virtual bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                                   const char* signalName);
+
+    /// For subclasses: the answer to an asynchronous send with a reply; not called for an answer
+    /// with neither text, type nor buffer, nor for a call that failed.
+    virtual bool IfMessageReplied(const char* from, const TCMessage* message);
+
+    static void m_OnNameAcquired(GDBusConnection * connection, const char* name, void* userData);
+    static void m_OnNameLost(GDBusConnection * connection, const char* name, void* userData);
+    static void m_DObjectHandler(GDBusConnection * connection, const char* sender, const char* path,
+                                 const char* interfaceName, const char* methodName,
+                                 GVariant* parameters, GDBusMethodInvocation* invocation,
+                                 void* userData);
+    static void m_DSignalHandler(GDBusConnection * connection, const char* sender, const char* path,
+                                 const char* interfaceName, const char* signalName,
+                                 GVariant* parameters, void* userData);
+    static void m_PendingCallNotify(GObject * source, GAsyncResult * result, void* userData);
+    void m_HandleMsg(const char* from, const TCMessage* message, GDBusMethodInvocation* invocation);
+    int m_SubscribeSignal(const char* from, const char* signal,
+                          TCServerSignalManager::TCSignalType type, unsigned int& id,
+                          std::string& key);
+    bool m_UnSubscribeSignal(const char* from, const char* signal,
+                             TCServerSignalManager::TCSignalType type);
+
+    // Written under m_ServerMutex while no send is counted, and constant while one is.
+    const TCServerType m_ServerType;
+    bool m_FlagOpen = false;
+    const std::string m_ServiceName;
+    std::string m_DBusName;
+    std::string m_ObjectPath;
+    GMainLoop* m_MainLoop = nullptr;                     ///< always null
+    std::atomic<GDBusConnection*> m_Connection{nullptr}; ///< one reference
+    unsigned int m_OwnerId = 0;
+    unsigned int m_RegistrationId = 0;
+    GDBusNodeInfo* m_NodeInfo = nullptr; ///< one reference
+    TCMutex m_ServerMutex; ///< held by create, close and subscriptions; by a send to be counted
+    std::atomic<unsigned int> m_SendingCount{0}; ///< sends between their gate and their end
+    TCServerSignalManager m_SignalManager;
+
+private:
+    class SendGate;
+    class MovedCall;
+
+    static TCServer* m_FindServer(const char* source);
+    static Internal::HookScope m_EnterServer(const char* source, std::string* busName);
+    static Internal::HookScope m_RequireServer(const char* source);
+
+    bool m_IsConnected() const;
+    bool m_Open(GDBusConnection * connection);
+    bool m_CheckNames(std::string & owner) const;
+    bool m_FormBusName();
+    bool m_OwnName(GDBusConnection * connection);
+    bool m_ExportObject(GDBusConnection * connection);
+    bool m_Register();
+    void m_AwaitSends();
+    void m_ReleaseBus();
+    bool m_SendDirect(TCServer & target, const TCMessage* message, TCMessage* reply) const;
+    bool m_SendAsEvent(TCServer & target, const char* dest, const TCMessage* message) const;
+    bool m_SendOverBus(const char* dest, std::string target, const TCMessage* message, bool sync,
+                       TCMessage* reply, int timeout);
+
+    std::mutex m_SendsMutex;              ///< only for the wait on m_SendingCount
+    std::condition_variable m_SendsEnded; ///< m_SendingCount has fallen to 0
+};
+
+/// @copydoc TCServer::SendMessage(const char*,const char*,const TCMessage*,bool,TCMessage*)
+bool SendMessage(const char* server, const char* dest, const TCMessage* message, bool sync,
+                 TCMessage* reply);
+/// @copydoc TCServer::SendSignal(const char*,const char*,const TCMessage*)
+bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
+/// @copydoc TCServer::SubscribeSignal(const char*,const char*,const char*,TCSignalCallback,void*)
+bool SubscribeSignal(const char* source, const char* from, const char* signal,
+                     TCSignalCallback callback, void* userData);
+/// @copydoc TCServer::UnSubscribeSignal(const char*,const char*,const char*)
+bool UnSubscribeSignal(const char* source, const char* from, const char* signal);
+/// @copydoc TCServer::SubscribeKeySignal(const char*,const char*,TCSignalCallback,void*)
+bool SubscribeKeySignal(const char* source, const char* name, const char* key,
+                        TCSignalCallback callback, void* userData);
+/// @copydoc TCServer::UnSubscribeKeySignal(const char*,const char*)
+bool UnSubscribeKeySignal(const char* source, const char* name, const char* key);
+
+} // namespace Velmora
+
+#pragma GCC visibility pop

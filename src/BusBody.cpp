@@ -1,0 +1,136 @@
+#include "BusBody.h"
+
+#include "TCServerHelper.h"
+
+namespace Velmora::Internal {
+
+namespace {
+
+constexpr std::uint64_t kMaxMessage = SENNET_MAX_MESSAGE_BYTES;
+constexpr std::uint64_t kMaxArray = 64U << 20U; // D-Bus protocol, "Marshaling"
+constexpr std::size_t kMaxName = 255;           // D-Bus protocol, "Valid Names"
+
+constexpr char kErrorText[] = R"({"dbus_result":"fail","errmsg":"error handling"})";
+
+// "a*" is no signature of D-Bus but GVariant's type of any array, which GDBus compares bodies with.
+constexpr char kXml[] = "<node>"
+                        "    <interface name='%s'>"
+                        "       <method name='SendMessage'>"
+                        "          <arg type='s' name='from' direction='in'/>"
+                        "          <arg type='u' name='code' direction='in'/>"
+                        "          <arg type='s' name='type' direction='in'/>"
+                        "          <arg type='s' name='message' direction='in'/>"
+                        "          <arg type='s' name='from' direction='out'/>"
+                        "          <arg type='u' name='code' direction='out'/>"
+                        "          <arg type='s' name='type' direction='out'/>"
+                        "          <arg type='s' name='message' direction='out'/>"
+                        "          <arg type='a*' name='buffer' direction='out'/>"
+                        "       </method>"
+                        "       <method name='SendMessageWithBuffer'>"
+                        "          <arg type='s' name='from' direction='in'/>"
+                        "          <arg type='u' name='code' direction='in'/>"
+                        "          <arg type='s' name='type' direction='in'/>"
+                        "          <arg type='s' name='message' direction='in'/>"
+                        "          <arg type='a*' name='buffer' direction='in'/>"
+                        "          <arg type='s' name='from' direction='out'/>"
+                        "          <arg type='u' name='code' direction='out'/>"
+                        "          <arg type='s' name='type' direction='out'/>"
+                        "         <arg type='s' name='message' direction='out'/>"
+                        "         <arg type='a*' name='buffer' direction='out'/>"
+                        "       </method>"
+                        "    </interface>"
+                        "</node>";
+static_assert(sizeof kXml + kMaxName < 2048);
+
+// As D-Bus marshals them: each structure of one byte starts at a multiple of eight bytes.
+std::uint64_t ArraySize(std::uint64_t bytes)
+{
+    return bytes * 8;
+}
+
+bool IsText(const std::string& text)
+{
+    // A NUL is invalid, too: no D-Bus string can hold one.
+    return g_utf8_validate_len(text.data(), text.size(), nullptr) != 0;
+}
+
+GVariant* WrapBytes(const void* bytes, std::size_t size)
+{
+    return g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
+}
+
+} // namespace
+
+const char* const kInterfaceXml = kXml;
+
+bool IsBusName(const std::string& name)
+{
+    return g_dbus_is_name(name.c_str()) != 0 && g_dbus_is_unique_name(name.c_str()) == 0;
+}
+
+bool IsInterfaceName(const std::string& name)
+{
+    return g_dbus_is_interface_name(name.c_str()) != 0;
+}
+
+bool IsMemberName(const std::string& name)
+{
+    return name.size() <= kMaxName && g_dbus_is_member_name(name.c_str()) != 0;
+}
+
+BusBody::BusBody(const std::string& from, TCMessage& message, Use use)
+    : m_From(from), m_Message(message), m_Use(use), m_Text(message.GetMessage()),
+      m_Size(message.GetBuffer(m_Bytes))
+{}
+
+const char* BusBody::WhyNotCarried() const
+{
+    if (!IsText(m_From) || !IsText(m_Message.m_Type) || !IsText(m_Text)) {
+        return "a text is not valid UTF-8";
+    }
+    // What the header, with its names of at most 255 bytes each, and all alignment can take.
+    constexpr std::uint64_t rest = 2048;
+    const std::uint64_t array = ArraySize(m_Size);
+    const std::uint64_t texts = m_From.size() + m_Message.m_Type.size() + m_Text.size();
+    return array > kMaxArray || array + texts + rest > kMaxMessage ? "too large for the bus"
+                                                                   : nullptr;
+}
+
+GVariant* BusBody::Build() const
+{
+    const auto code = static_cast<guint32>(m_Message.m_Code);
+    const char* const type = m_Message.m_Type.c_str();
+    if (m_Use == Use::Request && !HasBuffer()) {
+        return g_variant_new("(suss)", m_From.c_str(), code, type, m_Text.c_str());
+    }
+    static constexpr unsigned char noBuffer = 0;
+    GVariant* const buffer = HasBuffer() ? WrapBytes(m_Bytes, m_Size) : WrapBytes(&noBuffer, 1);
+    return g_variant_new("(suss@a*)", m_From.c_str(), code, type, m_Text.c_str(), buffer);
+}
+
+GVariant* BuildErrorReply()
+{
+    TCMessage reply;
+    reply.SetMessage(kErrorText);
+    const std::string nobody;
+    return BusBody(nobody, reply, BusBody::Use::Reply).Build();
+}
+
+std::unique_ptr<char[]> ReadBody(GVariant* body, TCMessage& message)
+{
+    char* from = nullptr;
+    char* type = nullptr;
+    char* text = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned int code = 0;
+    unsigned int size = 0;
+    TCServerHelper::AnalyseServerMsg(body, &from, &code, &type, &text, &buffer, &size);
+    std::unique_ptr<char[]> ownFrom(from);
+    const std::unique_ptr<char[]> ownType(type);
+    const std::unique_ptr<char[]> ownText(text);
+    const std::unique_ptr<unsigned char[]> ownBuffer(buffer);
+    TCServerHelper::SetTCMessage(&message, text, code, type, buffer, size);
+    return ownFrom;
+}
+
+} // namespace Velmora::Internal

@@ -1,0 +1,61 @@
+// The bodies of calls, replies and signals, and what the bus can carry.
+//
+// Every body is (from, code, type, text), with the buffer as a fifth field where there is one and
+// in every reply. A buffer travels as "a(y)", whose serialised form is the bytes themselves. A
+// reply without a buffer carries the one byte 0 there.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+#include "GLibPtr.h"
+#include "TCMessage.h"
+
+namespace Velmora::Internal {
+
+// The literal definition of the interface; "%s" is its name.
+extern const char* const kInterfaceXml;
+
+// What GDBus and the bus check by their own rules, with a critical or the loss of the connection.
+bool IsBusName(const std::string& name);
+bool IsInterfaceName(const std::string& name);
+bool IsMemberName(const std::string& name);
+
+class BusBody
+{
+public:
+    enum class Use {
+        Request, // also a signal: the fifth field stands only where there is a buffer
+        Reply
+    };
+
+    // The message must outlive this object and the body made of it, whose bytes are the message's.
+    BusBody(const std::string& from, TCMessage& message, Use use);
+
+    bool HasBuffer() const { return m_Size > 0; }
+    const std::string& Text() const { return m_Text; }
+
+    // Null if the bus can carry the body, else the reason why not.
+    const char* WhyNotCarried() const;
+
+    // A floating reference, which GDBus consumes.
+    GVariant* Build() const;
+
+private:
+    const std::string& m_From;
+    const TCMessage& m_Message;
+    Use m_Use;
+    std::string m_Text;
+    unsigned char* m_Bytes = nullptr;
+    unsigned int m_Size = 0;
+};
+
+GVariant* BuildErrorReply();
+
+// Fills the message from a received body and returns the sender's service name: null for a body of
+// an unknown shape, which delivers nothing else either.
+std::unique_ptr<char[]> ReadBody(GVariant* body, TCMessage& message);
+
+} // namespace Velmora::Internal

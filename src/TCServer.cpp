@@ -1,0 +1,410 @@
+#include "TCServer.h"
+
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "BusBody.h"
+#include "GLibPtr.h"
+#include "LiveServers.h"
+#include "MutexGuard.h"
+
+namespace Velmora {
+
+using namespace Internal;
+
+namespace {
+
+constexpr char kSuffix[] = ".message";
+
+// Guards TCServer::m_CreatedDbusServers; held for one operation of the map, never across a call of
+// the bus or of a client.
+std::mutex& RegistryMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+} // namespace
+
+std::map<std::string, TCServer*> TCServer::m_CreatedDbusServers;
+
+const GDBusInterfaceVTable TCServer::m_gVTable = {
+    &TCServer::m_DObjectHandler, nullptr, nullptr, {}};
+
+TCServer::TCServer(std::string name, TCServerType type)
+    : m_ServerType(type), m_ServiceName(std::move(name)), m_DBusName(m_ServiceName + kSuffix)
+{
+    m_SignalManager.Init();
+    m_ServerMutex.Create();
+    LiveServers::Add(this);
+}
+
+TCServer::~TCServer()
+{
+    LiveServers::Remove(this);
+    m_ServerMutex.Destroy();
+}
+
+GMainLoop* TCServer::GetMainLoop()
+{
+    VELMORA_LOGE("Dangerous!!! GetMainLoop!!!");
+    return m_MainLoop;
+}
+
+bool TCServer::IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
+                                 TCEventIO*& /*target*/)
+{
+    return false;
+}
+
+bool TCServer::IfMessageReceived(const char* /*from*/, const TCMessage* /*message*/,
+                                 TCMessage* /*reply*/, const char* /*signalName*/)
+{
+    return false;
+}
+
+bool TCServer::IfMessageReplied(const char* /*from*/, const TCMessage* /*message*/)
+{
+    return false;
+}
+
+// The caller holds the registry's lock.
+TCServer* TCServer::m_FindServer(const char* source)
+{
+    if (source == nullptr) {
+        VELMORA_LOG_NULL("source");
+        return nullptr;
+    }
+    const auto found = m_CreatedDbusServers.find(source);
+    if (found == m_CreatedDbusServers.end()) {
+        VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
+        return nullptr;
+    }
+    return found->second;
+}
+
+TCServer* TCServer::m_GetDbusServer(const char* source)
+{
+    const std::lock_guard<std::mutex> lock(RegistryMutex());
+    return m_FindServer(source);
+}
+
+// Into a server that the client has named as its own.
+HookScope TCServer::m_RequireServer(const char* source)
+{
+    const std::lock_guard<std::mutex> lock(RegistryMutex());
+    TCServer* const server = m_FindServer(source);
+    if (server == nullptr) {
+        VELMORA_LOG_NULL("server");
+        return {};
+    }
+    return HookScope(server);
+}
+
+// Into a server that may or may not be in this process.
+HookScope TCServer::m_EnterServer(const char* source, std::string* busName)
+{
+    const std::lock_guard<std::mutex> lock(RegistryMutex());
+    const auto found = m_CreatedDbusServers.find(source);
+    if (found == m_CreatedDbusServers.end()) {
+        return {};
+    }
+    HookScope server(found->second);
+    if (server) {
+        *busName = server->m_DBusName; // constant while it is registered
+    }
+    return server;
+}
+
+std::string TCServer::m_GetDBusName(std::string name)
+{
+    {
+        const std::lock_guard<std::mutex> lock(RegistryMutex());
+        const auto found = m_CreatedDbusServers.find(name);
+        if (found != m_CreatedDbusServers.end()) {
+            return found->second->m_DBusName;
+        }
+    }
+    name += kSuffix;
+    TCServerHelper::FormatDBusName(name);
+    return name;
+}
+
+bool TCServer::m_IsConnected() const
+{
+    GDBusConnection* const connection = m_Connection;
+    return connection != nullptr && g_dbus_connection_is_closed(connection) == 0;
+}
+
+bool TCServer::IsServiceAvailable(const char* serviceName)
+{
+    if (serviceName == nullptr) {
+        VELMORA_LOG_NULL("serviceName");
+        return false;
+    }
+    if (!m_IsConnected()) {
+        VELMORA_LOGE("dbus connection is not open");
+        return false;
+    }
+    std::string name = std::string(serviceName) + kSuffix;
+    TCServerHelper::FormatDBusName(name);
+    GError* raw = nullptr;
+    const VariantPtr answer(g_dbus_connection_call_sync(
+        m_Connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(b)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw));
+    const ErrorPtr error(raw);
+    if (error) {
+        VELMORA_LOGE("sync call fail (%s, %d)", error->message, error->code);
+    }
+    if (!answer) {
+        return false;
+    }
+    gboolean owned = FALSE;
+    g_variant_get(answer.get(), "(b)", &owned);
+    return owned != 0;
+}
+
+bool TCServer::CreateDBusProxy()
+{
+    return CreateDBusServer();
+}
+
+bool TCServer::CreateDBusServer()
+{
+    const MutexGuard guard(m_ServerMutex);
+    VELMORA_LOGI("m_CreateDBus type: %d", static_cast<int>(m_ServerType));
+    if (m_FlagOpen) {
+        return true;
+    }
+    if (m_Connection != nullptr) { // left by a create that failed
+        m_AwaitSends();
+        m_ReleaseBus();
+    }
+    GError* raw = nullptr;
+    GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &raw);
+    const ErrorPtr error(raw);
+    if (connection == nullptr) {
+        VELMORA_LOGE("get dbus connection fail!");
+        if (error) {
+            VELMORA_LOGE("(%s %d)", error->message, error->code);
+        }
+        return false;
+    }
+    g_dbus_connection_set_exit_on_close(connection, FALSE);
+    VELMORA_LOGI("Get dbus connection success : %p", static_cast<void*>(connection));
+    LiveServers::Resume(this);
+    m_FlagOpen = m_Open(connection);
+    // Only now: a send that finds the connection may read the names.
+    m_Connection = connection;
+    return m_FlagOpen;
+}
+
+// All that a create does on its connection. What it leaves on failure is the close's to release.
+bool TCServer::m_Open(GDBusConnection* connection)
+{
+    switch (m_ServerType) {
+    case SERVER_TYPE_PROXY:
+        return true;
+    case SERVER_TYPE_SERVICE:
+    case SERVER_TYPE_ACTIVITY:
+        return m_FormBusName() && m_OwnName(connection) && m_ExportObject(connection) &&
+               m_Register();
+    }
+    return m_Register();
+}
+
+// Whether the service name is free, and the owner of an activity, if there is one. The caller holds
+// the registry's lock.
+bool TCServer::m_CheckNames(std::string& owner) const
+{
+    if (m_CreatedDbusServers.count(m_ServiceName) > 0) {
+        VELMORA_LOGE("%s name has been used!", m_ServiceName.c_str());
+        return false;
+    }
+    for (const auto& [name, server] : m_CreatedDbusServers) {
+        if (server->m_ServerType != SERVER_TYPE_SERVICE) {
+            continue;
+        }
+        if (m_ServerType == SERVER_TYPE_SERVICE) {
+            VELMORA_LOGE("only one eflapplication/daemon service can be created in one process!");
+            return false;
+        }
+        owner = name;
+        break;
+    }
+    return true;
+}
+
+bool TCServer::m_FormBusName()
+{
+    std::string owner;
+    {
+        const std::lock_guard<std::mutex> lock(RegistryMutex());
+        if (!m_CheckNames(owner)) {
+            return false;
+        }
+    }
+    if (m_ServerType == SERVER_TYPE_ACTIVITY) {
+        if (owner.empty()) {
+            TCServerHelper::GetProcessName(owner);
+            VELMORA_LOGW("no eflapplication/daemon found when creating ug activity, use process "
+                         "name : %s",
+                         owner.c_str());
+        }
+        m_DBusName = owner + "." + m_ServiceName + kSuffix;
+    }
+    VELMORA_LOGD("request a dbus name : %s", m_DBusName.c_str());
+    if (TCServerHelper::FormatDBusName(m_DBusName)) {
+        VELMORA_LOGW("original name has illegal character, format to %s", m_DBusName.c_str());
+    }
+    return true;
+}
+
+bool TCServer::m_OwnName(GDBusConnection* connection)
+{
+    if (IsBusName(m_DBusName)) {
+        constexpr auto flags = static_cast<GBusNameOwnerFlags>(
+            G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
+        m_OwnerId = g_bus_own_name_on_connection(connection, m_DBusName.c_str(), flags,
+                                                 &m_OnNameAcquired, &m_OnNameLost, this, nullptr);
+    }
+    if (m_OwnerId == 0) {
+        VELMORA_LOGE("Request bus name fail!");
+        return false;
+    }
+    VELMORA_LOGI("RequestName(%s) success : %u", m_DBusName.c_str(), m_OwnerId);
+    m_ObjectPath = TCServerHelper::GetObjectPath(m_DBusName);
+    return true;
+}
+
+bool TCServer::m_ExportObject(GDBusConnection* connection)
+{
+    char xml[2048];
+    // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): the one literal there is
+    std::snprintf(xml, sizeof xml, kInterfaceXml, m_DBusName.c_str());
+    m_NodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
+    if (m_NodeInfo == nullptr) {
+        VELMORA_LOGE("parse interface xml fail!");
+        return false;
+    }
+    VELMORA_LOGI("Register Obj Path(%s)", m_ObjectPath.c_str());
+    m_RegistrationId = g_dbus_connection_register_object(connection, m_ObjectPath.c_str(),
+                                                         m_NodeInfo->interfaces[0], &m_gVTable,
+                                                         this, nullptr, nullptr);
+    VELMORA_LOGI("Get register id : %u", m_RegistrationId);
+    if (m_RegistrationId == 0) {
+        VELMORA_LOGE("Register Obj Path Fail!");
+        return false;
+    }
+    return true;
+}
+
+bool TCServer::m_Register()
+{
+    const std::lock_guard<std::mutex> lock(RegistryMutex());
+    // Another create may have taken the name since it was looked at.
+    if (std::string owner; !m_CheckNames(owner)) {
+        return false;
+    }
+    m_CreatedDbusServers[m_ServiceName] = this;
+    return true;
+}
+
+void TCServer::CloseDBusProxy()
+{
+    CloseDBusServer();
+}
+
+void TCServer::CloseDBusServer()
+{
+    VELMORA_LOGD("close %s begin", m_ServiceName.c_str());
+    const MutexGuard guard(m_ServerMutex);
+    if (m_Connection == nullptr) {
+        VELMORA_LOGD("%s has closed.", m_ServiceName.c_str());
+        return;
+    }
+    VELMORA_LOGD("waiting all send message/signal finished %ud", m_SendingCount.load());
+    m_AwaitSends();
+    VELMORA_LOGD("all send message/signal finished");
+    m_ReleaseBus();
+    VELMORA_LOGD("close connection and all close motion finished");
+    if (m_ServerType != SERVER_TYPE_PROXY) {
+        const std::lock_guard<std::mutex> lock(RegistryMutex());
+        const auto found = m_CreatedDbusServers.find(m_ServiceName);
+        if (found != m_CreatedDbusServers.end() && found->second == this) {
+            m_CreatedDbusServers.erase(found);
+        }
+    }
+    m_FlagOpen = false;
+}
+
+// With m_ServerMutex held no further send passes the gate.
+void TCServer::m_AwaitSends()
+{
+    std::unique_lock<std::mutex> lock(m_SendsMutex);
+    m_SendsEnded.wait(lock, [this] { return m_SendingCount == 0; });
+}
+
+void TCServer::m_ReleaseBus()
+{
+    GDBusConnection* const connection = m_Connection;
+    // GDBus only queues what is sent without an answer; what a send has accepted leaves first.
+    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+    std::vector<unsigned int> subscriptions;
+    m_SignalManager.Destroy(subscriptions);
+    for (const unsigned int id : subscriptions) {
+        g_dbus_connection_signal_unsubscribe(connection, id);
+    }
+    if (m_OwnerId != 0) {
+        g_bus_unown_name(std::exchange(m_OwnerId, 0));
+    }
+    if (m_RegistrationId != 0) {
+        g_dbus_connection_unregister_object(connection, std::exchange(m_RegistrationId, 0));
+    }
+    if (m_NodeInfo != nullptr) {
+        g_dbus_node_info_unref(std::exchange(m_NodeInfo, nullptr));
+    }
+    g_object_unref(m_Connection.exchange(nullptr));
+}
+
+bool TCServer::AwaitHooks()
+{
+    {
+        const MutexGuard guard(m_ServerMutex);
+        if (m_Connection != nullptr) {
+            VELMORA_LOGE("%s is not closed", m_ServiceName.c_str());
+            return false;
+        }
+    }
+    LiveServers::Quiesce(this);
+    return true;
+}
+
+void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const char* /*name*/,
+                                void* userData)
+{
+    VELMORA_LOGI("");
+    if (userData == nullptr) {
+        VELMORA_LOG_NULL("pThis");
+        return;
+    }
+    const HookScope server(static_cast<TCServer*>(userData));
+    if (!server) {
+        return;
+    }
+    TCMessage message;
+    message.m_Json["service_name"] = server->m_ServiceName;
+    server->SendSignal("service_start_default", &message);
+}
+
+void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const char* /*name*/, void* userData)
+{
+    VELMORA_LOGI("");
+    if (userData == nullptr) {
+        VELMORA_LOG_NULL("pThis");
+    }
+}
+
+} // namespace Velmora

@@ -1,0 +1,245 @@
+// Signals: emitted on the calling thread, subscribed at GDBus, and delivered to the client.
+#include <memory>
+
+#include "BusBody.h"
+#include "GLibPtr.h"
+#include "LiveServers.h"
+#include "MutexGuard.h"
+#include "TCServer.h"
+#include "TCServerGate.h"
+
+namespace Velmora {
+
+using namespace Internal;
+
+bool TCServer::SendSignal(const char* source, const char* signalName, const TCMessage* message)
+{
+    const HookScope server = m_RequireServer(source);
+    return server && server->SendSignal(signalName, message);
+}
+
+bool TCServer::SendSignal(const char* signalName, const TCMessage* message)
+{
+    if (signalName == nullptr) {
+        VELMORA_LOG_NULL("signalName");
+        return false;
+    }
+    const SendGate gate(*this);
+    if (!gate) {
+        return false;
+    }
+    if (!m_IsConnected()) {
+        VELMORA_LOGE("dbus connection is not open");
+        return false;
+    }
+    TCMessage copy; // the body's bytes are this copy's
+    if (message != nullptr) {
+        copy = *message;
+    }
+    const BusBody body(m_ServiceName, copy, BusBody::Use::Request);
+    const char* const reason = body.WhyNotCarried();
+    bool success = false;
+    if (reason != nullptr) {
+        VELMORA_LOGE("cannot send signal %s: %s", signalName, reason);
+    } else if (!m_ObjectPath.empty() && IsInterfaceName(m_DBusName) && IsMemberName(signalName)) {
+        GError* raw = nullptr;
+        success =
+            g_dbus_connection_emit_signal(m_Connection, nullptr, m_ObjectPath.c_str(),
+                                          m_DBusName.c_str(), signalName, body.Build(), &raw) != 0;
+        const ErrorPtr error(raw);
+        if (error) {
+            VELMORA_LOGE("faile to  invoking emit signal(%s %d)", error->message, error->code);
+        }
+    }
+    VELMORA_LOGD("Send signal %s : %s.", signalName, success ? "success" : "fail");
+    return success;
+}
+
+bool TCServer::SubscribeSignal(const char* source, const char* from, const char* signal,
+                               TCSignalCallback callback, void* userData)
+{
+    if (from == nullptr) {
+        VELMORA_LOG_NULL("from");
+        return false;
+    }
+    const HookScope server = m_RequireServer(source);
+    return server && server->SubscribeSignal(from, signal, callback, userData);
+}
+
+bool TCServer::SubscribeSignal(const char* from, const char* signal, TCSignalCallback callback,
+                               void* userData)
+{
+    if (signal == nullptr) {
+        VELMORA_LOG_NULL("signal");
+        return false;
+    }
+    const MutexGuard guard(m_ServerMutex);
+    unsigned int id = 0;
+    std::string key;
+    switch (m_SubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE, id, key)) {
+    case 0:
+        m_SignalManager.SubscribeNativeSignal(key, signal, callback, userData, id);
+        VELMORA_LOGI("SubscribeSignal %s success", key.c_str());
+        return true;
+    case 1:
+        VELMORA_LOGI("already registered [%s]", key.c_str());
+        return true;
+    default:
+        VELMORA_LOGI("fail to register [%s]", key.c_str());
+        return false;
+    }
+}
+
+int TCServer::m_SubscribeSignal(const char* from, const char* signal,
+                                TCServerSignalManager::TCSignalType type, unsigned int& id,
+                                std::string& key)
+{
+    if (!m_IsConnected()) {
+        VELMORA_LOGE("dbus connection is not open");
+        return -1;
+    }
+    const std::string interface = from != nullptr ? m_GetDBusName(from) : "";
+    key = from != nullptr ? interface + "." + signal : signal;
+    if (m_SignalManager.IfSignalSubscribed(type, key)) {
+        return 1;
+    }
+    VELMORA_LOGI("Begin subscribe signal");
+    if ((from == nullptr || IsInterfaceName(interface)) && IsMemberName(signal)) {
+        id = g_dbus_connection_signal_subscribe(
+            m_Connection, nullptr, from != nullptr ? interface.c_str() : nullptr, signal, nullptr,
+            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &m_DSignalHandler, this, nullptr);
+    }
+    if (id == 0) {
+        VELMORA_LOGE("fail to subscribe signal");
+        return -1;
+    }
+    return 0;
+}
+
+bool TCServer::UnSubscribeSignal(const char* source, const char* from, const char* signal)
+{
+    if (from == nullptr) {
+        VELMORA_LOG_NULL("from");
+        return false;
+    }
+    const HookScope server = m_RequireServer(source);
+    return server && server->UnSubscribeSignal(from, signal);
+}
+
+bool TCServer::UnSubscribeSignal(const char* from, const char* signal)
+{
+    if (signal == nullptr) {
+        VELMORA_LOG_NULL("signal");
+        return false;
+    }
+    const MutexGuard guard(m_ServerMutex);
+    return m_UnSubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE);
+}
+
+bool TCServer::m_UnSubscribeSignal(const char* from, const char* signal,
+                                   TCServerSignalManager::TCSignalType type)
+{
+    if (!m_IsConnected() || from == nullptr) {
+        VELMORA_LOGE("dbus connection is not open");
+        return false;
+    }
+    unsigned int id = 0;
+    if (m_SignalManager.UnsubscribeSignal(type, m_GetDBusName(from) + "." + signal, id)) {
+        g_dbus_connection_signal_unsubscribe(m_Connection, id);
+    }
+    return true;
+}
+
+bool TCServer::SubscribeKeySignal(const char* /*name*/, const char* /*key*/,
+                                  TCSignalCallback /*callback*/, void* /*userData*/)
+{
+    return false;
+}
+
+bool TCServer::SubscribeKeySignal(const char* source, const char* name, const char* key,
+                                  TCSignalCallback callback, void* userData)
+{
+    const HookScope server = m_RequireServer(source);
+    return server && server->SubscribeKeySignal(name, key, callback, userData);
+}
+
+bool TCServer::UnSubscribeKeySignal(const char* /*name*/, const char* /*key*/)
+{
+    return false;
+}
+
+bool TCServer::UnSubscribeKeySignal(const char* source, const char* name, const char* key)
+{
+    const HookScope server = m_RequireServer(source);
+    return server && server->UnSubscribeKeySignal(name, key);
+}
+
+void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sender,
+                                const char* path, const char* interfaceName, const char* signalName,
+                                GVariant* parameters, void* userData)
+{
+    if (interfaceName == nullptr) {
+        VELMORA_LOG_NULL("interfaceName");
+        return;
+    }
+    if (signalName == nullptr) {
+        VELMORA_LOG_NULL("signalName");
+        return;
+    }
+    VELMORA_LOGI("sender(%s) object(%s) interface(%s) signal(%s)", sender, path, interfaceName,
+                 signalName);
+    if (userData == nullptr) {
+        VELMORA_LOG_NULL("pThis");
+        return;
+    }
+    const HookScope server(static_cast<TCServer*>(userData));
+    if (!server) {
+        return;
+    }
+    const std::string key = std::string(interfaceName) + "." + signalName;
+    TCSignalCallback callback = nullptr;
+    void* callbackData = nullptr;
+    if (!server->m_SignalManager.GetHandlerForNativeSignal(signalName, key, callback,
+                                                           callbackData)) {
+        VELMORA_LOGI("no register info of %s", key.c_str());
+        return;
+    }
+    VELMORA_LOGI("begin to analyze signal of %s", key.c_str());
+    TCMessage message;
+    const std::unique_ptr<char[]> from = ReadBody(parameters, message);
+    if (callback != nullptr) {
+        callback(from.get(), signalName, &message, callbackData);
+    } else {
+        TCMessage reply;
+        server->IfMessageReceived(from.get(), &message, &reply, signalName);
+    }
+}
+
+bool SendSignal(const char* source, const char* signalName, const TCMessage* message)
+{
+    return TCServer::SendSignal(source, signalName, message);
+}
+
+bool SubscribeSignal(const char* source, const char* from, const char* signal,
+                     TCSignalCallback callback, void* userData)
+{
+    return TCServer::SubscribeSignal(source, from, signal, callback, userData);
+}
+
+bool UnSubscribeSignal(const char* source, const char* from, const char* signal)
+{
+    return TCServer::UnSubscribeSignal(source, from, signal);
+}
+
+bool SubscribeKeySignal(const char* source, const char* name, const char* key,
+                        TCSignalCallback callback, void* userData)
+{
+    return TCServer::SubscribeKeySignal(source, name, key, callback, userData);
+}
+
+bool UnSubscribeKeySignal(const char* source, const char* name, const char* key)
+{
+    return TCServer::UnSubscribeKeySignal(source, name, key);
+}
+
+} // namespace Velmora

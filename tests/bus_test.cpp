@@ -1,0 +1,482 @@
+// Endpoints on a bus of their own: every test runs beside a private daemon.
+#include <csignal>
+
+#include <future>
+#include <memory>
+
+#include <gio/gio.h>
+
+#include "Harness.h"
+
+using namespace Velmora;
+
+namespace {
+
+// Runs the default main context on a thread: the bus dispatch thread.
+class Dispatcher
+{
+public:
+    Dispatcher() : m_Loop(g_main_loop_new(nullptr, FALSE)), m_Thread([this] { Run(); })
+    {
+        Await([this] { return g_main_loop_is_running(m_Loop) != 0; });
+    }
+    ~Dispatcher()
+    {
+        g_main_loop_quit(m_Loop);
+        m_Thread.join();
+        g_main_loop_unref(m_Loop);
+    }
+    Dispatcher(const Dispatcher&) = delete;
+    Dispatcher& operator=(const Dispatcher&) = delete;
+
+private:
+    void Run() { g_main_loop_run(m_Loop); }
+
+    GMainLoop* m_Loop;
+    std::thread m_Thread;
+};
+
+std::string Text(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+// Notes what its hooks get, and echoes messages.
+template <typename... Bases>
+class Hooks : public TCServer, public Bases...
+{
+public:
+    template <typename... Arguments>
+    explicit Hooks(const std::string& name, TCServerType type = SERVER_TYPE_SERVICE,
+                   Arguments... arguments)
+        : TCServer(name, type), Bases(arguments...)...
+    {}
+    ~Hooks() override
+    {
+        CloseDBusServer();
+        AwaitHooks();
+    }
+
+    std::string Seen()
+    {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Seen;
+    }
+    void Note(const std::string& what)
+    {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Seen += what + ";";
+    }
+
+    TCEventIO* transferTo = nullptr;
+    std::function<void(TCMessage& reply)> onMessage;
+    std::atomic<GThread*> thread{nullptr}; // of the last message
+
+    using TCServer::m_SendingCount;
+
+protected:
+    bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
+                           TCEventIO*& target) override
+    {
+        target = transferTo;
+        return transferTo != nullptr;
+    }
+    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                           const char* signalName) override
+    {
+        thread = g_thread_self();
+        *reply = *message;
+        if (onMessage) {
+            onMessage(*reply);
+        }
+        Note((signalName != nullptr ? std::string(signalName) + " " : "") + Text(from) + ":" +
+             message->GetString());
+        return true;
+    }
+    bool IfMessageReplied(const char* from, const TCMessage* message) override
+    {
+        Note("reply " + Text(from) + ":" + message->GetString());
+        return true;
+    }
+
+private:
+    std::mutex m_Mutex;
+    std::string m_Seen;
+};
+
+using Server = Hooks<>;
+using TaskServer = Hooks<TCTask>;
+
+TCMessage Message(const std::string& text, unsigned int bufferSize = 0)
+{
+    TCMessage message;
+    message.SetMessage(text);
+    const std::vector<unsigned char> bytes(bufferSize, 'b');
+    message.SetBuffer(bytes.data(), bufferSize);
+    return message;
+}
+
+// A client of the bus that does not know the library.
+class RawPeer
+{
+public:
+    RawPeer()
+        : m_Connection(g_dbus_connection_new_for_address_sync(
+              std::getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+              static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+              nullptr, nullptr, nullptr))
+    {}
+    ~RawPeer()
+    {
+        g_dbus_connection_close_sync(m_Connection, nullptr, nullptr);
+        g_object_unref(m_Connection);
+    }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+
+    GDBusConnection* Get() const { return m_Connection; }
+
+    // The printed reply of a call, or the error's message.
+    std::string Call(const std::string& name, const char* method, const char* body)
+    {
+        GError* error = nullptr;
+        GVariant* const reply = g_dbus_connection_call_sync(
+            m_Connection, name.c_str(), TCServerHelper::GetObjectPath(name).c_str(), name.c_str(),
+            method, g_variant_new_parsed(body), nullptr, G_DBUS_CALL_FLAGS_NONE, 10000, nullptr,
+            &error);
+        if (reply == nullptr) {
+            const std::string text = error->message;
+            g_error_free(error);
+            return text;
+        }
+        gchar* const printed = g_variant_print(reply, TRUE);
+        const std::string text = printed;
+        g_free(printed);
+        g_variant_unref(reply);
+        return text;
+    }
+    bool Emit(const char* path, const char* interface, const char* signal, const char* body)
+    {
+        return g_dbus_connection_emit_signal(m_Connection, nullptr, path, interface, signal,
+                                             g_variant_new_parsed(body), nullptr) != 0 &&
+               g_dbus_connection_flush_sync(m_Connection, nullptr, nullptr) != 0;
+    }
+
+private:
+    GDBusConnection* m_Connection;
+};
+
+class BusTest : public testing::Test
+{
+protected:
+    void SetUp() override { ForgetLog(); }
+
+    Dispatcher dispatcher;
+};
+
+constexpr char kErrorReply[] = "('', uint32 0, '', '{\"dbus_result\":\"fail\",\"errmsg\":\"error "
+                               "handling\"}', [(byte 0x00,)])";
+
+} // namespace
+
+TEST(BusNames, AreMadeLegalByteByByte)
+{
+    const struct
+    {
+        std::string name, formatted, path, busName;
+    } cases[] = {{"my-app", "my_app", "/my-app", "my_app.message"},
+                 {"foo.bar_1", "foo.bar_1", "/foo/bar_1", "foo.bar_1.message"},
+                 {"", "", "/", ".message"},
+                 {"\xc3\xa4", "__", "/\xc3\xa4", "__.message"}};
+    for (const auto& c : cases) {
+        std::string name = c.name;
+        EXPECT_EQ(TCServerHelper::FormatDBusName(name), c.name != c.formatted);
+        EXPECT_EQ(name, c.formatted);
+        EXPECT_EQ(TCServerHelper::GetObjectPath(c.name), c.path);
+        EXPECT_EQ(TCServer::m_GetDBusName(c.name), c.busName);
+    }
+    std::string process;
+    TCServerHelper::GetProcessName(process);
+    EXPECT_EQ(process, "bus_test");
+}
+
+TEST_F(BusTest, ForeignCallersGetTheExactBodies)
+{
+    Server server("my-app");
+    ASSERT_TRUE(server.CreateDBusServer());
+    RawPeer peer;
+    const struct
+    {
+        const char *method, *body, *reply;
+    } cases[] = {
+        {"SendMessage", "('me', uint32 7, 't', '{ \"a\" : 1 }')",
+         "('my-app', uint32 7, 't', '{\"a\":1}', [(byte 0x00,)])"},
+        {"SendMessageWithBuffer", "('', uint32 0, '', '', [(byte 0,)])",
+         "('my-app', uint32 0, '', '', [(byte 0x00,)])"},
+        {"SendMessageWithBuffer", "('', uint32 0, '', 'x', [(byte 1,)])",
+         "('my-app', uint32 0, '', 'x', [(byte 0x01,)])"},
+        {"SendMessageWithBuffer", "('', uint32 0, '', 'x', [(byte 0,),(byte 0,)])",
+         "('my-app', uint32 0, '', 'x', [(byte 0x00,), (0x00,)])"},
+        {"SendMessageWithBuffer", "('me', uint32 5, 't', 'x', [byte 1])", // arrives without content
+         "('my-app', uint32 0, '', '', [(byte 0x00,)])"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(peer.Call("my_app.message", c.method, c.body), c.reply);
+    }
+    EXPECT_EQ(server.Seen(), "me:{ \"a\" : 1 };:;:x;:x;(null):;");
+    server.onMessage = [](TCMessage& reply) { reply.m_Type = "\xff"; };
+    EXPECT_EQ(peer.Call("my_app.message", "SendMessage", "('', uint32 0, '', '')"), kErrorReply);
+    EXPECT_EQ(CountLog(kError, "cannot reply: a text is not valid UTF-8"), 1);
+}
+
+TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
+{
+    Server app("app"), second("second"), twin("app", TCServer::SERVER_TYPE_ACTIVITY);
+    Server act("act", TCServer::SERVER_TYPE_ACTIVITY), proxy("app", TCServer::SERVER_TYPE_PROXY);
+    Server illegal("1abc", TCServer::SERVER_TYPE_ACTIVITY),
+        tooEarly("lone", TCServer::SERVER_TYPE_ACTIVITY);
+    ASSERT_TRUE(tooEarly.CreateDBusServer());
+    EXPECT_EQ(TCServer::m_GetDBusName("lone"), "bus_test.lone.message");
+    ASSERT_TRUE(app.CreateDBusServer());
+    EXPECT_TRUE(app.CreateDBusServer());
+    EXPECT_FALSE(second.CreateDBusServer());
+    EXPECT_EQ(
+        CountLog(kError, "only one eflapplication/daemon service can be created in one process!"),
+        1);
+    EXPECT_FALSE(twin.CreateDBusServer());
+    EXPECT_FALSE(twin.CreateDBusServer());
+    EXPECT_EQ(CountLog(kError, "app name has been used!"), 2);
+    EXPECT_TRUE(act.CreateDBusServer());
+    EXPECT_TRUE(proxy.CreateDBusProxy());
+    EXPECT_EQ(TCServer::m_GetDBusName("act"), "app.act.message");
+    EXPECT_FALSE(illegal.CreateDBusServer() && illegal.SendSignal("s", nullptr));
+    twin.CloseDBusServer(); // not this one's entry
+    EXPECT_EQ(TCServer::m_GetDbusServer("app"), &app);
+    EXPECT_EQ(TCServer::m_GetDbusServer("second"), nullptr);
+    Await([&] { return proxy.IsServiceAvailable("app.act") && proxy.IsServiceAvailable("app"); });
+    EXPECT_FALSE(proxy.IsServiceAvailable("nobody"));
+    EXPECT_FALSE(app.AwaitHooks());
+
+    // Each start announces itself; a closed server has no name, and opens again.
+    ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
+    for (int i = 0; i < 2; ++i) {
+        app.CloseDBusServer();
+        EXPECT_FALSE(proxy.IsServiceAvailable("app"));
+        ForgetLog();
+        app.CloseDBusServer();
+        EXPECT_EQ(CountLog(kDebug, "app has closed."), 1);
+        EXPECT_TRUE(app.AwaitHooks());
+        ASSERT_TRUE(app.CreateDBusServer());
+        Await([&] { return proxy.IsServiceAvailable("app"); });
+    }
+    const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
+    Await([&] { return proxy.Seen() == start + start; });
+}
+
+TEST_F(BusTest, SendsTakeTheRouteThatTheTargetAllows)
+{
+    Server app("app");
+    TaskServer task("task", TCServer::SERVER_TYPE_ACTIVITY, "task");
+    TCMessage reply;
+    const TCMessage message = Message("{\"n\":1}");
+    EXPECT_FALSE(app.SendMessage("task", &message, true, &reply));
+    EXPECT_EQ(CountLog(kError, "dbus connection is not open"), 1);
+    ASSERT_TRUE(app.CreateDBusServer() && task.CreateDBusServer() && task.Create("task"));
+
+    EXPECT_TRUE(SendMessage("app", "task", &message, true, &reply)); // direct
+    EXPECT_EQ(task.thread, g_thread_self());
+    EXPECT_EQ(reply.GetMessage(), "{\"n\":1}");
+    EXPECT_TRUE(app.SendMessage("task", &message, false, nullptr)); // by event
+    Await([&] { return task.Seen() == "app:{\"n\":1};app:{\"n\":1};"; });
+    EXPECT_NE(task.thread, g_thread_self());
+    task.transferTo = &task;
+    EXPECT_TRUE(app.SendMessage("task", &message, false, &reply)); // over the bus, and moved
+    Await([&] { return app.Seen() == "reply task:{\"n\":1};"; });
+    EXPECT_EQ(CountLog(kInfo, "send internal event success"), 1);
+    task.Destroy();
+    EXPECT_TRUE(app.SendMessage("task", &message, false, nullptr)); // no queue: the bus
+    Await([&] { return task.Seen().size() == 4 * sizeof "app:{\"n\":1}"; });
+
+    task.onMessage = [](TCMessage& answer) { answer.m_Json["dbus_result"] = "fail"; };
+    EXPECT_TRUE(app.SendMessage("task", &message, true, &reply));
+    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    EXPECT_TRUE(proxy.SendMessage("task", &message, true, &reply)); // no route to fail on
+    EXPECT_FALSE(proxy.SendMessage("nobody", &message, true, &reply, 5000));
+    EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(*"), 1);
+    EXPECT_EQ(app.m_SendingCount, 0U);
+}
+
+TEST_F(BusTest, WhatTheBusCannotCarryIsRefusedAndTheConnectionLives)
+{
+    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    TCMessage good = Message("x"), reply, type = good;
+    type.m_Type = std::string("a\0b", 3);
+    const TCMessage huge = Message("x", 4194290), text = Message("\xff");
+    const struct
+    {
+        const char* dest;
+        const TCMessage* message;
+        int timeout;
+    } cases[] = {{"1digit", &good, -1}, {"a..b", &good, -1}, {"app", &text, -1},
+                 {"app", &type, -1},    {"app", &huge, -1},  {"app", &good, -2}};
+    for (const auto& c : cases) {
+        ForgetLog();
+        EXPECT_FALSE(proxy.SendMessage(c.dest, c.message, true, &reply, c.timeout));
+        EXPECT_FALSE(proxy.SendMessage(c.dest, c.message, true, &reply, c.timeout));
+        EXPECT_EQ(CountLog(kError, "cannot send message to *"), 2) << c.dest;
+    }
+    EXPECT_FALSE(proxy.SendMessage("app", nullptr, true, &reply));
+    EXPECT_FALSE(proxy.SendMessage("app", &good, true, nullptr));
+    EXPECT_FALSE(proxy.SendMessage("", &good, true, &reply));
+    EXPECT_FALSE(proxy.SendSignal("signal", &good)); // a proxy has no path
+    EXPECT_FALSE(proxy.SubscribeSignal("1", "signal", nullptr, nullptr));
+    EXPECT_FALSE(proxy.SubscribeSignal(nullptr, "no member", nullptr, nullptr));
+    Server app("app");
+    ASSERT_TRUE(app.CreateDBusServer());
+    for (const auto& name : {std::string("no member"), std::string(256, 'm'), std::string()}) {
+        EXPECT_FALSE(app.SendSignal(name.c_str(), &good));
+    }
+    EXPECT_FALSE(app.SendSignal("signal", &huge));
+    const TCMessage largest = Message("x", 4190000);
+    EXPECT_TRUE(app.SendSignal("signal", &largest));
+    Await([&] { return proxy.IsServiceAvailable("app"); });
+}
+
+TEST_F(BusTest, SignalsReachTheCallbackOfTheirKey)
+{
+    Server app("app"), hook("hook", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(app.CreateDBusServer() && hook.CreateDBusProxy());
+    const auto note = [](const char* from, const char* signal, TCMessage* message, void* data) {
+        unsigned char* bytes = nullptr;
+        static_cast<Server*>(data)->Note(Text(signal) + "<" + Text(from) + ":" +
+                                         message->GetMessage() +
+                                         std::to_string(message->GetBuffer(bytes)));
+    };
+    EXPECT_TRUE(app.SubscribeSignal("app", "one", note, &app));
+    EXPECT_TRUE(app.SubscribeSignal("app", "one", nullptr, nullptr)); // the first stays
+    EXPECT_TRUE(app.SubscribeSignal(nullptr, "any", note, &app));
+    EXPECT_TRUE(app.SubscribeSignal(nullptr, "any", nullptr, nullptr));
+    EXPECT_TRUE(hook.SubscribeSignal("app", "one", nullptr, nullptr));
+    EXPECT_FALSE(SubscribeSignal("app", nullptr, "one", note, &app));
+    EXPECT_FALSE(SubscribeKeySignal("app", "a", "b", note, &app));
+    EXPECT_FALSE(app.UnSubscribeSignal(nullptr, "any"));
+    TCMessage message = Message("", 3);
+    message.m_Json["k"] = 1;
+    EXPECT_TRUE(SendSignal("app", "one", &message));
+    EXPECT_TRUE(app.SendSignal("any", nullptr));
+    RawPeer peer;
+    EXPECT_TRUE(peer.Emit("/x", "foreign.face", "any", "('unknown', 'shape')"));
+    Await([&] { return app.Seen() == "one<app:{\"k\":1}3;any<app:0;any<(null):0;"; });
+    Await([&] { return hook.Seen() == "one app:{\"k\":1};"; });
+    EXPECT_TRUE(app.UnSubscribeSignal("app", "one"));
+    EXPECT_TRUE(app.SendSignal("one", nullptr));
+    Await([&] { return hook.Seen() == "one app:{\"k\":1};one app:;"; });
+    EXPECT_EQ(app.Seen().find("one<app:0"), std::string::npos);
+}
+
+TEST_F(BusTest, MovedCallsThatAreClearedGetTheErrorReply)
+{
+    Loop loop;
+    Queue queue; // never dispatched
+    ASSERT_TRUE(queue.Init(loop.Get()));
+    Server app("app");
+    app.transferTo = &queue;
+    ASSERT_TRUE(app.CreateDBusServer());
+    RawPeer peer;
+    std::string answer;
+    std::thread caller(
+        [&] { answer = peer.Call("app.message", "SendMessage", "('me', uint32 0, '', 'x')"); });
+    Await([&] { return queue.CountEvent() == 1; });
+    queue.Final();
+    caller.join();
+    EXPECT_EQ(answer, kErrorReply);
+    EXPECT_EQ(app.Seen(), "");
+}
+
+TEST_F(BusTest, DestroyedServersAreNotTouchedAndRunningHooksAreWaitedFor)
+{
+    Server app("app");
+    ASSERT_TRUE(app.CreateDBusServer());
+    std::promise<void> inside, release;
+    app.onMessage = [&](TCMessage&) {
+        inside.set_value();
+        release.get_future().wait();
+    };
+    auto sender = std::make_unique<Server>("sender", TCServer::SERVER_TYPE_ACTIVITY);
+    ASSERT_TRUE(sender->CreateDBusServer());
+    const TCMessage message = Message("x");
+    TCMessage wanted;
+    EXPECT_TRUE(sender->SendMessage("app", &message, false, &wanted));
+    inside.get_future().wait();
+    sender.reset(); // its reply is still to come
+    app.CloseDBusServer();
+    std::atomic<bool> quiet{false};
+    std::thread closer([&] {
+        EXPECT_TRUE(app.AwaitHooks());
+        quiet = true;
+    });
+    EXPECT_FALSE(quiet);
+    release.set_value();
+    closer.join();
+    EXPECT_EQ(app.Seen(), "sender:x;");
+}
+
+TEST_F(BusTest, ProcessOutlivesItsBus)
+{
+    Server app("app");
+    TaskServer task("task", TCServer::SERVER_TYPE_ACTIVITY, "task");
+    ASSERT_TRUE(app.CreateDBusServer() && task.CreateDBusServer());
+    RawPeer peer;
+    GVariant* const answer = g_dbus_connection_call_sync(
+        peer.Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+        "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    guint32 daemon = 0;
+    g_variant_get(answer, "(u)", &daemon);
+    g_variant_unref(answer);
+    kill(static_cast<pid_t>(daemon), SIGKILL); // this test's own
+    Await([&] { return !app.SendSignal("signal", nullptr); });
+    TCMessage reply;
+    const TCMessage message = Message("x");
+    EXPECT_FALSE(app.SendMessage("elsewhere", &message, true, &reply));
+    EXPECT_TRUE(app.SendMessage("task", &message, true, &reply));
+    app.CloseDBusServer();
+    task.CloseDBusServer();
+}
+
+TEST_F(BusTest, ServersComeAndGoWhileOthersTalkToThem)
+{
+    Server app("app");
+    ASSERT_TRUE(app.CreateDBusServer());
+    std::atomic<bool> over{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&, t] {
+            const TCMessage message = Message("{\"n\":1}", t == 0 ? 5 : 0);
+            TCMessage reply;
+            for (int i = 0; !over; ++i) {
+                app.SendMessage("act", &message, i % 2 == 0, i % 3 == 0 ? nullptr : &reply);
+                app.SendSignal("signal", &message);
+                app.IsServiceAvailable("act"); // in step with the bus, which queues without bound
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        TaskServer act("act", TCServer::SERVER_TYPE_ACTIVITY, "act");
+        act.transferTo = &act;
+        ASSERT_TRUE(act.CreateDBusServer() && act.Create("act"));
+        EXPECT_TRUE(act.SubscribeSignal("app", "signal", nullptr, nullptr));
+        Await([&] { return !act.Seen().empty(); });
+        act.CloseDBusServer();
+        act.AwaitHooks();
+        act.Destroy();
+    }
+    over = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(app.m_SendingCount, 0U);
+}
