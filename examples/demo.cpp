@@ -1,113 +1,222 @@
-// A thermometer on a thread of its own: a task that takes events from several threads, is asked
-// something synchronously, and is ticked by an alarm.
+// The main job: a thermometer that is a service and a task at once broadcasts readings, and two
+// clients in processes of their own listen to it, configure it and fetch its history.
+//
+// Started without arguments it starts itself once for each role and says how it went.
+#include <algorithm>
 #include <cstdio>
-#include <future>
-#include <thread>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
+#include <gio/gio.h>
+
+#include "MainLoop.h"
 #include "sennet.h"
 
 using namespace Velmora;
 
 namespace {
 
-constexpr unsigned long kReading = 100; // data: {"sensor":NAME,"celsius":NUMBER}
-constexpr unsigned long kAverage = 101; // works out Average()
+constexpr char kSensor[] = "demo.sensor";
+constexpr int kWanted = 3; // readings, by each client
 
-// Its fields belong to the task's thread, on which the handlers and the alarm run.
-class Thermometer : public TCTask
+class Sensor : public TCServer, public TCTask
 {
 public:
-    Thermometer() : TCTask("thermometer") {}
+    Sensor() : TCServer(kSensor, SERVER_TYPE_SERVICE), TCTask("sensor") {}
 
-    // After a synchronous kAverage, until the next one.
-    double Average() const { return m_Average; }
-
-    std::future<void> Ticked() { return m_Ticked.get_future(); }
-
-    static bool Tick(void* thermometer)
+    ~Sensor() override
     {
-        auto* const self = static_cast<Thermometer*>(thermometer);
-        std::printf("  tick %d\n", ++self->m_Ticks);
-        if (self->m_Ticks == 3) {
-            self->m_Ticked.set_value();
+        m_Alarm.Destroy();
+        CloseDBusServer();
+        AwaitHooks();
+        TCTask::Destroy();
+    }
+
+    bool Start()
+    {
+        return Create("sensor") && CreateDBusServer() &&
+               m_Alarm.Create(this, 200, VELMORA_INFINITY) &&
+               m_Alarm.SetAlarmCallback(&Sensor::Measure, this);
+    }
+
+protected:
+    bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
+                           TCEventIO*& target) override
+    {
+        target = this; // handled on the task's thread, where the alarm runs, too
+        return true;
+    }
+
+    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                           const char* /*signalName*/) override
+    {
+        std::printf("[sensor ] %s sends %s\n", from, message->GetString().c_str());
+        unsigned char* bytes = nullptr;
+        if (const unsigned int size = message->GetBuffer(bytes); size > 0) {
+            std::vector<unsigned char> turned(bytes, bytes + size);
+            std::reverse(turned.begin(), turned.end());
+            reply->SetBuffer(turned.data(), size);
+        } else {
+            m_Offset = message->m_Json["offset"].isInt() ? message->m_Json["offset"].asInt() : 0;
+            reply->m_Json["offset"] = m_Offset;
         }
         return true;
     }
 
-protected:
-    bool t_OnEvent(const TCEvent* event) override
+private:
+    static bool Measure(void* data)
     {
-        const Json::Value& json = event->data.m_Json;
-        switch (event->id) {
-        case kReading:
-            std::printf("  %s: %.1f degrees\n", json["sensor"].asCString(),
-                        json["celsius"].asDouble());
-            m_Sum += json["celsius"].asDouble();
-            ++m_Readings;
-            return true;
-        case kAverage:
-            m_Average = m_Sum / m_Readings;
-            return true;
-        default:
-            return TCTask::t_OnEvent(event); // the library's own events
+        auto* const sensor = static_cast<Sensor*>(data);
+        TCMessage reading;
+        reading.m_Json["celsius"] = 20 + sensor->m_Offset + sensor->m_Readings++ % 3;
+        sensor->SendSignal("reading", &reading);
+        return true;
+    }
+
+    TCAlarm m_Alarm;
+    int m_Offset = 0; // these two are of the task's thread
+    int m_Readings = 0;
+};
+
+class Client : public TCServer
+{
+public:
+    explicit Client(const std::string& name)
+        : TCServer("demo." + name, SERVER_TYPE_PROXY), m_Name(name)
+    {}
+
+    bool Run()
+    {
+        const bool worked = CreateDBusProxy() &&
+                            SubscribeSignal(kSensor, "reading", &Client::OnReading, this) &&
+                            AwaitSensor() && Configure() && SendBuffer() && Ask();
+        if (worked) {
+            m_Loop.Run(); // until readings and answer are there
         }
+        CloseDBusProxy();
+        Say(worked ? "closed" : "failed");
+        return worked && m_Readings >= kWanted && m_Answered;
+    }
+
+protected:
+    bool IfMessageReplied(const char* from, const TCMessage* message) override
+    {
+        Say(std::string("later, ") + from + " answers " + message->GetString());
+        m_Answered = true;
+        QuitWhenDone();
+        return true;
     }
 
 private:
-    double m_Sum = 0;
-    double m_Average = 0;
+    void Say(const std::string& what) const
+    {
+        std::printf("[%-7s] %s\n", m_Name.c_str(), what.c_str());
+    }
+    void QuitWhenDone()
+    {
+        if (m_Answered && m_Readings >= kWanted) {
+            m_Loop.Quit();
+        }
+    }
+    static void OnReading(const char* from, const char* signal, TCMessage* message, void* data)
+    {
+        auto* const client = static_cast<Client*>(data);
+        client->Say(std::string("hears ") + signal + " of " + from + ": " + message->GetMessage());
+        ++client->m_Readings;
+        client->QuitWhenDone();
+    }
+
+    bool AwaitSensor()
+    {
+        while (!IsServiceAvailable(kSensor)) {
+            g_usleep(10000);
+        }
+        return true;
+    }
+    bool Configure()
+    {
+        TCMessage message, reply;
+        message.m_Json["offset"] = 5;
+        const bool sent = SendMessage(kSensor, &message, true, &reply);
+        Say("configured the sensor, which answers " + reply.GetMessage());
+        return sent && reply.m_Json["offset"] == 5;
+    }
+    bool SendBuffer()
+    {
+        TCMessage message, reply;
+        message.SetMessage("three bytes to turn round");
+        const unsigned char bytes[] = {1, 2, 3};
+        message.SetBuffer(bytes, sizeof bytes);
+        unsigned char* turned = nullptr;
+        const bool sent = SendMessage(kSensor, &message, true, &reply);
+        const bool right = sent && reply.GetBuffer(turned) == 3 && turned[0] == 3 && turned[2] == 1;
+        Say(right ? "sent a buffer and got it turned round" : "got no buffer");
+        return right;
+    }
+    bool Ask()
+    {
+        TCMessage message, wanted; // the second only says that an answer is wanted
+        message.m_Json["offset"] = 7;
+        return SendMessage(kSensor, &message, false, &wanted);
+    }
+
+    MainLoop m_Loop;
+    std::string m_Name;
     int m_Readings = 0;
-    int m_Ticks = 0;
-    std::promise<void> m_Ticked;
+    bool m_Answered = false;
 };
 
-void PostReadings(Thermometer& thermometer, const char* sensor)
+GSubprocess* Start(const char* program, const char* role)
 {
-    TCEvent reading;
-    reading.receiver = &thermometer;
-    reading.id = kReading;
-    reading.data.m_Json["sensor"] = sensor;
-    for (const double celsius : {18.5, 21.5}) {
-        reading.data.m_Json["celsius"] = celsius;
-        SendEvent(&reading); // the queue takes a copy
+    return g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, program, role, nullptr);
+}
+
+bool Ended(GSubprocess* process)
+{
+    const bool well = g_subprocess_wait_check(process, nullptr, nullptr) != 0;
+    g_object_unref(process);
+    return well;
+}
+
+int Direct(const char* program)
+{
+    std::puts("Three processes meet on a bus: a sensor, which is a service and a task, and two\n"
+              "clients, who subscribe to its readings, send it JSON and a buffer, and ask it\n"
+              "something without waiting.");
+    GSubprocess* const sensor = Start(program, "sensor");
+    GSubprocess* const clients[] = {Start(program, "kitchen"), Start(program, "cellar")};
+    bool well = true;
+    for (GSubprocess* client : clients) {
+        well = Ended(client) && well;
     }
+    g_subprocess_send_signal(sensor, SIGTERM);
+    well = Ended(sensor) && well;
+    std::puts(well ? "All went well." : "Something went wrong.");
+    return well ? 0 : 1;
 }
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     SetAppName("demo");
-    Thermometer thermometer;
-    if (!thermometer.Create("thermometer")) {
+    if (argc < 2) {
+        return Direct(argv[0]);
+    }
+    g_timeout_add_seconds(
+        9, [](gpointer) -> gboolean { std::exit(2); }, nullptr); // something hangs
+    const std::string role = argv[1];
+    if (role != "sensor") {
+        return Client(role).Run() ? 0 : 1;
+    }
+    MainLoop loop;
+    Sensor sensor;
+    if (!sensor.Start()) {
         return 1;
     }
-
-    std::puts("Three threads post two readings each; the task takes them one by one:");
-    std::vector<std::thread> sensors;
-    for (const char* name : {"kitchen", "cellar", "attic"}) {
-        sensors.emplace_back([&thermometer, name] { PostReadings(thermometer, name); });
-    }
-    for (std::thread& sensor : sensors) {
-        sensor.join();
-    }
-
-    TCEvent question;
-    question.receiver = &thermometer;
-    question.id = kAverage;
-    const bool answered = SendSyncEvent(&question);
-    std::puts("A synchronous send returns when its handler is done, behind all readings:");
-    std::printf("  average: %.1f degrees\n", thermometer.Average());
-
-    std::puts("An alarm ticks three times on the task's thread, ten times a second:");
-    TCAlarm alarm;
-    alarm.Create(&thermometer, 100, 3);
-    alarm.SetAlarmCallback(&Thermometer::Tick, &thermometer);
-    thermometer.Ticked().wait();
-
-    alarm.Destroy();
-    thermometer.Destroy();
-    std::puts("The task has ended and its thread is joined.");
-    return answered && thermometer.Average() == 20.0 ? 0 : 1;
+    loop.Run();
+    std::puts("[sensor ] closing");
+    return 0;
 }

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "MainLoop.h"
 #include "sennet.h"
 
 using namespace Velmora;
@@ -13,19 +14,18 @@ constexpr char kService[] = "example.echo";
 class Client : public TCServer
 {
 public:
-    explicit Client(GMainLoop* loop) : TCServer("example.client", SERVER_TYPE_PROXY), m_Loop(loop)
-    {}
+    explicit Client(MainLoop& loop) : TCServer("example.client", SERVER_TYPE_PROXY), m_Loop(loop) {}
 
 protected:
     bool IfMessageReplied(const char* from, const TCMessage* message) override
     {
         std::printf("asynchronous: %s answers %s\n", from, message->GetString().c_str());
-        g_main_loop_quit(m_Loop);
+        m_Loop.Quit();
         return true;
     }
 
 private:
-    GMainLoop* m_Loop;
+    MainLoop& m_Loop;
 };
 
 bool Talk(Client& client)
@@ -57,7 +57,7 @@ bool Talk(Client& client)
 int main()
 {
     SetAppName("echo_client");
-    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
+    MainLoop loop;
     Client client(loop);
     bool worked = client.CreateDBusProxy() && Talk(client);
     if (worked) {
@@ -65,9 +65,8 @@ int main()
         message.m_Json["greeting"] = "later";
         TCMessage wanted; // only says that an answer is wanted
         worked = client.SendMessage(kService, &message, false, &wanted);
-        g_main_loop_run(loop);
+        loop.Run();
     }
     client.CloseDBusProxy();
-    g_main_loop_unref(loop);
     return worked ? 0 : 1;
 }

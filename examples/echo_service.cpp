@@ -1,8 +1,7 @@
 // A service that answers every message with the message itself, until it is told to end.
 #include <cstdio>
 
-#include <glib-unix.h>
-
+#include "MainLoop.h"
 #include "sennet.h"
 
 using namespace Velmora;
@@ -31,19 +30,12 @@ protected:
 int main()
 {
     SetAppName("echo_service");
-    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
-    const auto quit = [](gpointer data) -> gboolean {
-        g_main_loop_quit(static_cast<GMainLoop*>(data));
-        return G_SOURCE_REMOVE;
-    };
-    g_unix_signal_add(SIGTERM, quit, loop);
-
+    MainLoop loop;
     EchoService service;
     const bool open = service.CreateDBusServer();
     if (open) {
-        g_main_loop_run(loop); // the bus calls in from here
+        loop.Run(); // the bus calls in from here
     }
     service.CloseDBusServer();
-    g_main_loop_unref(loop);
     return open ? 0 : 1;
 }

@@ -24,7 +24,8 @@ need() {
 build() {
     preset=$1
     shift
-    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev
+    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
+        dbus-daemon systemd libglib2.0-bin
     say "Building preset \"$preset\" in build/$preset"
     cmake --preset "$preset" >build.log 2>&1 || { cat build.log; rm -f build.log; return 1; }
     rm -f build.log

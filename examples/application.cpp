@@ -1,0 +1,49 @@
+// An application with an activity: a second endpoint of the process, under the name of the first.
+#include <cstdio>
+
+#include "MainLoop.h"
+#include "sennet.h"
+
+using namespace Velmora;
+
+namespace {
+
+class Page : public TCServer
+{
+public:
+    Page() : TCServer("page", SERVER_TYPE_ACTIVITY) {}
+
+protected:
+    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                           const char* /*signalName*/) override
+    {
+        std::printf("page: %s asks for %s\n", from, message->GetString().c_str());
+        reply->m_Json["shown"] = true;
+        return true;
+    }
+};
+
+} // namespace
+
+int main()
+{
+    SetAppName("application");
+    MainLoop loop;
+    TCServer application("example.app", TCServer::SERVER_TYPE_SERVICE);
+    Page page;
+    if (!application.CreateDBusServer() || !page.CreateDBusServer()) {
+        return 1;
+    }
+    // Other processes reach it as "example.app.page".
+    std::printf("the page's bus name is %s\n", TCServer::m_GetDBusName("page").c_str());
+
+    TCMessage request;
+    request.SetMessage("the first screen");
+    TCMessage reply;
+    const bool sent = application.SendMessage("page", &request, true, &reply); // no bus involved
+    std::printf("application: %s\n", reply.GetMessage().c_str());
+    loop.Run();
+    page.CloseDBusServer();
+    application.CloseDBusServer();
+    return sent ? 0 : 1;
+}

@@ -1,0 +1,41 @@
+// Listens to the broadcaster until three of its signals have come.
+#include <cstdio>
+
+#include "MainLoop.h"
+#include "sennet.h"
+
+using namespace Velmora;
+
+namespace {
+
+struct Listener
+{
+    MainLoop loop;
+    int heard = 0;
+
+    static void OnTick(const char* from, const char* signal, TCMessage* message, void* data)
+    {
+        auto* const listener = static_cast<Listener*>(data);
+        std::printf("%s from %s: %s\n", signal, from, message->GetMessage().c_str());
+        if (++listener->heard == 3) {
+            listener->loop.Quit();
+        }
+    }
+};
+
+} // namespace
+
+int main()
+{
+    SetAppName("listener");
+    Listener listener;
+    TCServer proxy("example.listener", TCServer::SERVER_TYPE_PROXY);
+    const bool subscribed =
+        proxy.CreateDBusProxy() &&
+        proxy.SubscribeSignal("example.clock", "tick", &Listener::OnTick, &listener);
+    if (subscribed) {
+        listener.loop.Run();
+    }
+    proxy.CloseDBusProxy();
+    return subscribed ? 0 : 1;
+}
