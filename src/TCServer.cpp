@@ -192,6 +192,12 @@ bool TCServer::CreateDBusServer()
         }
         return false;
     }
+    if (g_dbus_connection_is_closed(connection) != 0) {
+        // GDBus hands out the one that the bus has dropped until its last holder has let go of it.
+        VELMORA_LOGE("get dbus connection fail!");
+        g_object_unref(connection);
+        return false;
+    }
     g_dbus_connection_set_exit_on_close(connection, FALSE);
     VELMORA_LOGI("Get dbus connection success : %p", static_cast<void*>(connection));
     LiveServers::Resume(this);

@@ -1,4 +1,4 @@
-// Tells ThreadSanitizer about GLib's locks and reference counts, which live in a library that it
+// Tells ThreadSanitizer about GLib's locks, which live in a library that it
 // does not see into. Compiled into its build only; the library's own calls come here first.
 #include <dlfcn.h>
 #include <glib.h>
@@ -45,12 +45,4 @@ extern "C" gboolean g_cond_wait_until(GCond* cond, GMutex* mutex, gint64 end)
     const gboolean woken = real(cond, mutex, end);
     __tsan_acquire(mutex);
     return woken;
-}
-
-extern "C" void g_main_context_unref(GMainContext* context)
-{
-    static const auto real = Real(&g_main_context_unref, "g_main_context_unref");
-    __tsan_release(context);
-    __tsan_acquire(context); // the last one frees what every other has left
-    real(context);
 }

@@ -167,6 +167,27 @@ private:
     GDBusConnection* m_Connection;
 };
 
+// A service in a process of its own that does not know the library.
+class ForeignService
+{
+public:
+    ForeignService(const char* busName, const char* mode)
+        : m_Process(g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, FOREIGN_PEER, busName, mode,
+                                     nullptr))
+    {}
+    ~ForeignService()
+    {
+        g_subprocess_force_exit(m_Process);
+        g_subprocess_wait(m_Process, nullptr, nullptr);
+        g_object_unref(m_Process);
+    }
+    ForeignService(const ForeignService&) = delete;
+    ForeignService& operator=(const ForeignService&) = delete;
+
+private:
+    GSubprocess* m_Process;
+};
+
 class BusTest : public testing::Test
 {
 protected:
@@ -377,6 +398,60 @@ TEST_F(BusTest, SignalsReachTheCallbackOfTheirKey)
     EXPECT_EQ(app.Seen().find("one<app:0"), std::string::npos);
 }
 
+TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
+{
+    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    const TCMessage message = Message("x");
+    const struct
+    {
+        const char* mode;
+        bool sent;
+        std::string reply, seen;
+    } cases[] = {
+        {"die", false, "before", ""},
+        {"mute", false, "before", ""},
+        {"(1, 'foreign')", true, "before", ""},
+        {"('p', uint32 1, '', '5')", true, "5", "reply p:5;"},
+        {"('p', uint32 1, '', '{\"dbus_result\":{}}')", true, "{\"dbus_result\":{}}",
+         "reply p:{\"dbus_result\":{}};"},
+        {"('p', uint32 1, '', '{\"dbus_result\":\"fail\"}')", false, "{\"dbus_result\":\"fail\"}",
+         "reply p:{\"dbus_result\":\"fail\"};"},
+    };
+    std::string seen;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        const ForeignService peer("peer.message", c.mode);
+        Await([&] { return proxy.IsServiceAvailable("peer"); });
+        TCMessage reply = Message("before");
+        EXPECT_EQ(proxy.SendMessage("peer", &message, true, &reply, 300), c.sent);
+        EXPECT_EQ(reply.GetMessage(), c.reply);
+        proxy.SendMessage("peer", &message, false, &reply);
+        seen += c.seen;
+        Await([&] { return proxy.Seen() == seen; });
+    }
+}
+
+TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
+{
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
+    ASSERT_TRUE(app.CreateDBusServer());
+    const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
+    Await([&] { return proxy.Seen() == start; });
+    TCMessage reply;
+    {
+        const ForeignService thief("app.message", "('thief', uint32 0, '', 'mine')");
+        Await([&] {
+            const TCMessage message = Message("whose?");
+            return proxy.SendMessage("app", &message, false, &reply) &&
+                   proxy.Seen().find("thief:mine") != std::string::npos;
+        });
+    }
+    Await([&] { return proxy.Seen().rfind(start) > 0; });
+}
+
 TEST_F(BusTest, MovedCallsThatAreClearedGetTheErrorReply)
 {
     Loop loop;
@@ -445,6 +520,20 @@ TEST_F(BusTest, ProcessOutlivesItsBus)
     EXPECT_TRUE(app.SendMessage("task", &message, true, &reply));
     app.CloseDBusServer();
     task.CloseDBusServer();
+
+    // The bus comes back, and nobody holds the dead connection any more.
+    const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string listen = "--address=" + address.substr(0, address.find(",guid"));
+    GSubprocess* const again =
+        g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "dbus-daemon", "--nofork",
+                         "--config-file=" BUS_CONFIG, listen.c_str(), nullptr);
+    Await([&] {
+        app.CloseDBusServer();
+        return app.CreateDBusServer() && app.SendSignal("signal", nullptr);
+    });
+    app.CloseDBusServer();
+    g_subprocess_force_exit(again);
+    g_object_unref(again);
 }
 
 TEST_F(BusTest, ServersComeAndGoWhileOthersTalkToThem)
