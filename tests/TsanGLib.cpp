@@ -1,5 +1,5 @@
-// Tells ThreadSanitizer about GLib's locks, which live in a library that it
-// does not see into. Compiled into its build only; the library's own calls come here first.
+// Tells ThreadSanitizer about GLib's locks, which live in a library that it does not see into.
+// Compiled into its build only; the library's own calls come here first.
 #include <dlfcn.h>
 #include <glib.h>
 

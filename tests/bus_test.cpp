@@ -452,6 +452,19 @@ TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
     Await([&] { return proxy.Seen().rfind(start) > 0; });
 }
 
+TEST_F(BusTest, CloseLosesNothingThatWasSent)
+{
+    Server app("app");
+    std::atomic<int> received{0};
+    app.onMessage = [&](TCMessage&) { ++received; };
+    ASSERT_TRUE(app.CreateDBusServer());
+    Await([&] { return app.IsServiceAvailable("app"); });
+    for (int round = 1; round <= 5; ++round) {
+        ASSERT_EQ(std::system(QUICK_SENDER), 0);
+        Await([&] { return received == 50 * round; });
+    }
+}
+
 TEST_F(BusTest, MovedCallsThatAreClearedGetTheErrorReply)
 {
     Loop loop;
