@@ -206,7 +206,7 @@ int main(int argc, char** argv)
         return Direct(argv[0]);
     }
     g_timeout_add_seconds(
-        9, [](gpointer) -> gboolean { std::exit(2); }, nullptr); // something hangs
+        9, [](gpointer) -> gboolean { std::_Exit(2); }, nullptr); // something hangs
     const std::string role = argv[1];
     if (role != "sensor") {
         return Client(role).Run() ? 0 : 1;

@@ -131,11 +131,3 @@ TEST_F(AlarmTest, NeverRunsAfterDestroyOnAnotherThread)
     EXPECT_NE(thread, g_thread_self());
     task.Destroy();
 }
-
-TEST(TickCount, CountsMillisecondsOfTheMonotonicClock)
-{
-    const auto before = static_cast<unsigned long>(g_get_monotonic_time() / 1000);
-    const unsigned long now = TCAlarm::GetTickCount();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, static_cast<unsigned long>(g_get_monotonic_time() / 1000));
-}

@@ -132,28 +132,6 @@ TEST(Mutex, IsRecursiveAndOnlyTheHolderUnlocks)
     mutex.Destroy();
 }
 
-TEST(Mutex, ExcludesUnderContention)
-{
-    TCMutex mutex;
-    mutex.Create();
-    int counter = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < 5000; ++n) {
-                mutex.Try(VELMORA_INFINITY);
-                ++counter;
-                mutex.Unlock();
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(counter, 20000);
-    mutex.Destroy();
-}
-
 TEST(Trace, WritesItsLinesUnderItsOwnTag)
 {
     ForgetLog();
