@@ -15,7 +15,8 @@ namespace Velmora {
 
 /// The client's function of an alarm, called on the thread that runs the loop.
 /// @param userData what was given to TCAlarm::SetAlarmCallback()
-/// @return true asks for further runs, false ends the timer at once
+/// @return true asks for further runs; false ends the timer at once, also one that the function has
+///         just started itself with Reset() or SetAlarmCallback(): such a call returns true
 using TCAlarmCallback = bool (*)(void* userData);
 
 /// A repeating timer: calls a function at a fixed interval, a given number of times or for ever.
@@ -50,7 +51,8 @@ public:
     bool Create(TCEventIO * io, unsigned long interval, unsigned long count);
 
     /// Sets the function and starts the timer, or starts it anew, with the interval and the count
-    /// that are stored. After a timer has ended by itself the count is VELMORA_INFINITY.
+    /// that are stored. After a timer has ended by itself the count is VELMORA_INFINITY: Reset()
+    /// runs it again a number of times.
     /// @return false, and nothing changes, before Create() or with a null function
     bool SetAlarmCallback(TCAlarmCallback callback, void* userData);
 

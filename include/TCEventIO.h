@@ -98,7 +98,9 @@ public:
 protected:
     friend class TCEventIO;
 
-    /// Handles one event.
+    /// Handles one event. An exception that leaves it passes through the loop and so, on a task's
+    /// thread, ends the process; Json::Value's asInt() and its like throw on a value of another
+    /// type, so look with isInt() first at what others have sent.
     /// @return whether the id was handled; the base class handles none
     virtual bool t_OnEvent(const TCEvent* event);
 
@@ -189,7 +191,9 @@ public:
     static bool SendUrgentEvent(TCEvent * event);
 
     /// Queues the caller's own event by pointer and returns when its handler has finished. Sets
-    /// `sync`, and overwrites `param.p`: an id that uses `param.p` cannot be sent so.
+    /// `sync`, and overwrites `param.p`: an id that uses `param.p` cannot be sent so. The payloads
+    /// arrive as they are, not normalised as in a copy: after writing into `m_Json`, call
+    /// Generate() where the handler reads the text.
     ///
     /// If the loop has not reached the event after 20 seconds, the event is taken back and its
     /// handler does not run; a handler that is running then is waited for. Once the call has
@@ -217,7 +221,7 @@ public:
     /// Marks every queued event of one receiver as deleted. A marked entry stays in its place; when
     /// it comes up it gets OnClear() and no OnEvent(), so that its receiver has to live until then.
     /// An event sent with SendSyncEvent() is counted and delivered all the same.
-    /// @param handler the receiver; null means this queue itself
+    /// @param handler the receiver; null means this queue itself as receiver, not all receivers
     /// @return the number of entries that are marked now, earlier marks included; -1 if the queue
     ///         is not ready
     int DeleteEvent(const TCHandler* handler);

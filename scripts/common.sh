@@ -14,7 +14,10 @@ need() {
     [ -n "$missing" ] || return 0
     say "Installing$missing"
     as_root=
-    [ "$(id -u)" = 0 ] || as_root=sudo
+    if [ "$(id -u)" != 0 ]; then
+        command -v sudo >/dev/null || { say "Install these as root first"; return 1; }
+        as_root=sudo
+    fi
     $as_root apt-get update -q
     # shellcheck disable=SC2086 # a list of words each
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends $missing
@@ -27,7 +30,6 @@ build() {
     need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
         dbus-daemon systemd libglib2.0-bin
     say "Building preset \"$preset\" in build/$preset"
-    cmake --preset "$preset" >build.log 2>&1 || { cat build.log; rm -f build.log; return 1; }
-    rm -f build.log
+    configured=$(cmake --preset "$preset" 2>&1) || { echo "$configured"; return 1; }
     cmake --build --preset "$preset" "$@"
 }
