@@ -25,6 +25,22 @@ std::mutex& RegistryMutex()
     return mutex;
 }
 
+// When a connection closes, GDBus ends its name ownerships on the dispatch thread, and nothing
+// keeps that from meeting g_bus_unown_name on another thread. So what was owned on a lost
+// connection is given up on the dispatch thread.
+void UnownName(GDBusConnection* connection, unsigned int owner)
+{
+    if (g_dbus_connection_is_closed(connection) == 0) {
+        g_bus_unown_name(owner);
+        return;
+    }
+    const auto unown = [](void* id) -> gboolean {
+        g_bus_unown_name(GPOINTER_TO_UINT(id));
+        return G_SOURCE_REMOVE;
+    };
+    g_main_context_invoke(nullptr, unown, GUINT_TO_POINTER(owner));
+}
+
 } // namespace
 
 std::map<std::string, TCServer*> TCServer::m_CreatedDbusServers;
@@ -364,7 +380,7 @@ void TCServer::m_ReleaseBus()
         g_dbus_connection_signal_unsubscribe(connection, id);
     }
     if (m_OwnerId != 0) {
-        g_bus_unown_name(std::exchange(m_OwnerId, 0));
+        UnownName(connection, std::exchange(m_OwnerId, 0));
     }
     if (m_RegistrationId != 0) {
         g_dbus_connection_unregister_object(connection, std::exchange(m_RegistrationId, 0));

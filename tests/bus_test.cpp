@@ -259,6 +259,8 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
         tooEarly("lone", TCServer::SERVER_TYPE_ACTIVITY);
     ASSERT_TRUE(tooEarly.CreateDBusServer());
     EXPECT_EQ(TCServer::m_GetDBusName("lone"), "bus_test.lone.message");
+    EXPECT_TRUE(proxy.CreateDBusProxy());
+    ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
     ASSERT_TRUE(app.CreateDBusServer());
     EXPECT_TRUE(app.CreateDBusServer());
     EXPECT_FALSE(second.CreateDBusServer());
@@ -269,18 +271,19 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
     EXPECT_FALSE(twin.CreateDBusServer());
     EXPECT_EQ(CountLog(kError, "app name has been used!"), 2);
     EXPECT_TRUE(act.CreateDBusServer());
-    EXPECT_TRUE(proxy.CreateDBusProxy());
     EXPECT_EQ(TCServer::m_GetDBusName("act"), "app.act.message");
     EXPECT_FALSE(illegal.CreateDBusServer() && illegal.SendSignal("s", nullptr));
     twin.CloseDBusServer(); // not this one's entry
     EXPECT_EQ(TCServer::m_GetDbusServer("app"), &app);
     EXPECT_EQ(TCServer::m_GetDbusServer("second"), nullptr);
-    Await([&] { return proxy.IsServiceAvailable("app.act") && proxy.IsServiceAvailable("app"); });
+    const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
+    Await([&] { return proxy.IsServiceAvailable("app.act") && proxy.Seen() == start; });
+    EXPECT_TRUE(proxy.IsServiceAvailable("app"));
     EXPECT_FALSE(proxy.IsServiceAvailable("nobody"));
     EXPECT_FALSE(app.AwaitHooks());
 
     // Each start announces itself; a closed server has no name, and opens again.
-    ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
+    std::string starts = start;
     for (int i = 0; i < 2; ++i) {
         app.CloseDBusServer();
         EXPECT_FALSE(proxy.IsServiceAvailable("app"));
@@ -289,10 +292,9 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
         EXPECT_EQ(CountLog(kDebug, "app has closed."), 1);
         EXPECT_TRUE(app.AwaitHooks());
         ASSERT_TRUE(app.CreateDBusServer());
-        Await([&] { return proxy.IsServiceAvailable("app"); });
+        starts += start;
+        Await([&] { return proxy.Seen() == starts; });
     }
-    const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
-    Await([&] { return proxy.Seen() == start + start; });
 }
 
 TEST_F(BusTest, SendsTakeTheRouteThatTheTargetAllows)
@@ -421,6 +423,7 @@ TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
     std::string seen;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode);
+        Await([&] { return !proxy.IsServiceAvailable("peer"); }); // the last one has gone
         const ForeignService peer("peer.message", c.mode);
         Await([&] { return proxy.IsServiceAvailable("peer"); });
         TCMessage reply = Message("before");
@@ -545,7 +548,8 @@ TEST_F(BusTest, ProcessOutlivesItsBus)
         return app.CreateDBusServer() && app.SendSignal("signal", nullptr);
     });
     app.CloseDBusServer();
-    g_subprocess_force_exit(again);
+    g_subprocess_force_exit(again); // by GLib's worker thread, which ends with the process
+    g_subprocess_wait(again, nullptr, nullptr);
     g_object_unref(again);
 }
 
