@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -49,7 +51,7 @@ class HookScope;
 class [[gnu::visibility("default")]] TCServer
 {
 public:
-    enum TCServerType {
+    enum TCServerType : std::uint32_t {
         SERVER_TYPE_SERVICE = 0, ///< the service of the process; at most one is open
         SERVER_TYPE_ACTIVITY,    ///< a sub-service of the process; any number
         SERVER_TYPE_PROXY        ///< can send and subscribe, and owns no name
@@ -68,6 +70,7 @@ public:
     /// Connects to the system bus and, for a service or an activity, requests the name, exports the
     /// object and enters the server among those of the process. Whether the bus grants the name
     /// shows later: the signal "service_start_default" goes out when it does.
+    /// Not to be called inside a send of this server: after a failed create it waits for those.
     /// @return whether the server is open; what a failed call leaves is released by the next one or
     ///         by CloseDBusServer()
     bool CreateDBusServer();
@@ -225,20 +228,22 @@ protected:
 private:
     class SendGate;
     class MovedCall;
+    struct PendingReply;
 
-    static TCServer* m_FindServer(const char* source);
+    static Internal::HookScope m_EnterEntry(const std::string& name, TCServer* entry);
     static Internal::HookScope m_EnterServer(const char* source, std::string* busName);
     static Internal::HookScope m_RequireServer(const char* source);
 
     bool m_IsConnected() const;
     bool m_Open(GDBusConnection * connection);
-    bool m_CheckNames(std::string & owner) const;
+    static std::string m_FindService();
+    bool m_CheckNames(std::string & owner, bool enter);
     bool m_FormBusName();
     bool m_OwnName(GDBusConnection * connection);
     bool m_ExportObject(GDBusConnection * connection);
-    bool m_Register();
     void m_AwaitSends();
     void m_ReleaseBus();
+    static void m_MoveCall(TCEventIO & target, const std::shared_ptr<MovedCall>& call);
     bool m_SendDirect(TCServer & target, const TCMessage* message, TCMessage* reply) const;
     bool m_SendAsEvent(TCServer & target, const char* dest, const TCMessage* message) const;
     bool m_SendOverBus(const char* dest, std::string target, const TCMessage* message, bool sync,

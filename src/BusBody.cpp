@@ -1,5 +1,6 @@
 #include "BusBody.h"
 
+#include "JsonText.h"
 #include "TCServerHelper.h"
 
 namespace Velmora::Internal {
@@ -50,7 +51,6 @@ std::uint64_t ArraySize(std::uint64_t bytes)
 
 bool IsText(const std::string& text)
 {
-    // A NUL is invalid, too: no D-Bus string can hold one.
     return g_utf8_validate_len(text.data(), text.size(), nullptr) != 0;
 }
 
@@ -63,11 +63,6 @@ GVariant* WrapBytes(const void* bytes, std::size_t size)
 
 const char* const kInterfaceXml = kXml;
 
-bool IsBusName(const std::string& name)
-{
-    return g_dbus_is_name(name.c_str()) != 0 && g_dbus_is_unique_name(name.c_str()) == 0;
-}
-
 bool IsInterfaceName(const std::string& name)
 {
     return g_dbus_is_interface_name(name.c_str()) != 0;
@@ -78,15 +73,16 @@ bool IsMemberName(const std::string& name)
     return name.size() <= kMaxName && g_dbus_is_member_name(name.c_str()) != 0;
 }
 
-BusBody::BusBody(const std::string& from, TCMessage& message, Use use)
-    : m_From(from), m_Message(message), m_Use(use), m_Text(message.GetMessage()),
+BusBody::BusBody(const std::string& from, const TCMessage& message, Use use)
+    : m_From(from), m_Message(message), m_Use(use),
+      m_Text(message.m_Json.empty() ? message.GetString() : WriteJson(message.m_Json)),
       m_Size(message.GetBuffer(m_Bytes))
 {}
 
 const char* BusBody::WhyNotCarried() const
 {
     if (!IsText(m_From) || !IsText(m_Message.m_Type) || !IsText(m_Text)) {
-        return "a text is not valid UTF-8";
+        return "a text is not valid UTF-8 or holds a NUL";
     }
     // What the header, with its names of at most 255 bytes each, and all alignment can take.
     constexpr std::uint64_t rest = 2048;
@@ -116,21 +112,25 @@ GVariant* BuildErrorReply()
     return BusBody(nobody, reply, BusBody::Use::Reply).Build();
 }
 
-std::unique_ptr<char[]> ReadBody(GVariant* body, TCMessage& message)
+ReceivedBody::ReceivedBody(GVariant* body)
 {
-    char* from = nullptr;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int code = 0;
-    unsigned int size = 0;
-    TCServerHelper::AnalyseServerMsg(body, &from, &code, &type, &text, &buffer, &size);
-    std::unique_ptr<char[]> ownFrom(from);
-    const std::unique_ptr<char[]> ownType(type);
-    const std::unique_ptr<char[]> ownText(text);
-    const std::unique_ptr<unsigned char[]> ownBuffer(buffer);
-    TCServerHelper::SetTCMessage(&message, text, code, type, buffer, size);
-    return ownFrom;
+    char* rawFrom = nullptr;
+    char* rawType = nullptr;
+    char* rawText = nullptr;
+    unsigned char* rawBuffer = nullptr;
+    TCServerHelper::AnalyseServerMsg(body, &rawFrom, &code, &rawType, &rawText, &rawBuffer, &size);
+    from.reset(rawFrom);
+    type.reset(rawType);
+    text.reset(rawText);
+    buffer.reset(rawBuffer);
+}
+
+void ReceivedBody::MoveInto(TCMessage& message)
+{
+    TCServerHelper::SetTCMessage(&message, text.get(), code, type.get(), buffer.get(), size);
+    text.reset();
+    type.reset();
+    buffer.reset();
 }
 
 } // namespace Velmora::Internal

@@ -19,7 +19,6 @@ namespace Velmora::Internal {
 extern const char* const kInterfaceXml;
 
 // What GDBus and the bus check by their own rules, with a critical or the loss of the connection.
-bool IsBusName(const std::string& name);
 bool IsInterfaceName(const std::string& name);
 bool IsMemberName(const std::string& name);
 
@@ -31,8 +30,10 @@ public:
         Reply
     };
 
-    // The message must outlive this object and the body made of it, whose bytes are the message's.
-    BusBody(const std::string& from, TCMessage& message, Use use);
+    // Its text is that of a copy of the message: the JSON, where there is one. The message must
+    // outlive this object and stay as it is, and so for the body made of it, whose bytes are the
+    // message's.
+    BusBody(const std::string& from, const TCMessage& message, Use use);
 
     bool HasBuffer() const { return m_Size > 0; }
     const std::string& Text() const { return m_Text; }
@@ -54,8 +55,20 @@ private:
 
 GVariant* BuildErrorReply();
 
-// Fills the message from a received body and returns the sender's service name: null for a body of
-// an unknown shape, which delivers nothing else either.
-std::unique_ptr<char[]> ReadBody(GVariant* body, TCMessage& message);
+// The fields of a body that has arrived; one of an unknown shape has none.
+struct ReceivedBody
+{
+    explicit ReceivedBody(GVariant* body);
+
+    // All but the sender's name.
+    void MoveInto(TCMessage& message);
+
+    std::unique_ptr<char[]> from; // the sender's service name
+    unsigned int code = 0;
+    std::unique_ptr<char[]> type;
+    std::unique_ptr<char[]> text;
+    std::unique_ptr<unsigned char[]> buffer;
+    unsigned int size = 0;
+};
 
 } // namespace Velmora::Internal

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Velmora::Internal {
@@ -12,9 +13,10 @@ namespace Velmora::Internal {
 // All fields are guarded by the mutex of the set.
 struct LiveServer
 {
-    std::uint64_t identity;
+    TCServer* server;                    // null when it is gone
     bool quiet = false;                  // takes no callbacks
     std::vector<std::thread::id> inside; // one for each open scope
+    std::unordered_map<const OpenCall*, std::weak_ptr<OpenCall>> calls;
 };
 
 namespace {
@@ -23,8 +25,7 @@ struct LiveSet
 {
     std::mutex mutex;
     std::condition_variable left; // a scope has closed
-    std::uint64_t lastIdentity = 0;
-    std::unordered_map<const TCServer*, std::shared_ptr<LiveServer>> servers;
+    std::unordered_map<const TCServer*, Life> servers;
 };
 
 LiveSet& Set()
@@ -34,7 +35,9 @@ LiveSet& Set()
     return set;
 }
 
-void AwaitOtherThreads(std::unique_lock<std::mutex>& lock, const LiveServer& live)
+using Lock = std::unique_lock<std::mutex>;
+
+void AwaitOtherThreads(Lock& lock, const LiveServer& live)
 {
     Set().left.wait(lock, [&live, own = std::this_thread::get_id()] {
         return std::all_of(live.inside.begin(), live.inside.end(),
@@ -42,72 +45,103 @@ void AwaitOtherThreads(std::unique_lock<std::mutex>& lock, const LiveServer& liv
     });
 }
 
-// Zero means any identity.
-std::shared_ptr<LiveServer> Enter(TCServer* server, std::uint64_t identity)
-{
-    const std::lock_guard<std::mutex> lock(Set().mutex);
-    const auto found = Set().servers.find(server);
-    if (found == Set().servers.end() || found->second->quiet ||
-        (identity != 0 && found->second->identity != identity)) {
-        return nullptr;
-    }
-    found->second->inside.push_back(std::this_thread::get_id());
-    return found->second;
-}
-
 } // namespace
 
 void LiveServers::Add(TCServer* server)
 {
-    auto live = std::make_shared<LiveServer>();
-    const std::lock_guard<std::mutex> lock(Set().mutex);
-    live->identity = ++Set().lastIdentity;
-    Set().servers[server] = std::move(live);
+    auto life = std::make_shared<LiveServer>();
+    life->server = server;
+    const Lock lock(Set().mutex);
+    Set().servers[server] = std::move(life);
 }
 
 void LiveServers::Remove(TCServer* server)
 {
-    std::unique_lock<std::mutex> lock(Set().mutex);
-    const auto found = Set().servers.find(server);
-    const std::shared_ptr<LiveServer> live = found->second;
-    Set().servers.erase(found);
-    AwaitOtherThreads(lock, *live);
+    std::vector<std::shared_ptr<OpenCall>> calls;
+    {
+        Lock lock(Set().mutex);
+        const auto found = Set().servers.find(server);
+        const Life life = found->second;
+        Set().servers.erase(found);
+        life->server = nullptr;
+        AwaitOtherThreads(lock, *life);
+        for (const auto& [key, call] : life->calls) {
+            calls.push_back(call.lock());
+        }
+    }
+    for (const auto& call : calls) {
+        if (call != nullptr) {
+            call->FailAndFlush();
+        }
+    }
 }
 
 void LiveServers::Quiesce(TCServer* server)
 {
-    std::unique_lock<std::mutex> lock(Set().mutex);
-    const std::shared_ptr<LiveServer> live = Set().servers.at(server);
-    live->quiet = true;
-    AwaitOtherThreads(lock, *live);
+    Lock lock(Set().mutex);
+    const Life life = Set().servers.at(server);
+    life->quiet = true;
+    AwaitOtherThreads(lock, *life);
 }
 
 void LiveServers::Resume(TCServer* server)
 {
-    const std::lock_guard<std::mutex> lock(Set().mutex);
+    const Lock lock(Set().mutex);
     Set().servers.at(server)->quiet = false;
 }
 
-HookScope::HookScope(TCServer* server) : HookScope(server, 0) {}
+Life LiveServers::Of(TCServer* server)
+{
+    const Lock lock(Set().mutex);
+    return Set().servers.at(server);
+}
 
-HookScope::HookScope(TCServer* server, std::uint64_t identity)
-    : m_Server(server), m_Live(Enter(server, identity))
-{}
+void LiveServers::Attach(const Life& life, const std::shared_ptr<OpenCall>& call)
+{
+    const Lock lock(Set().mutex);
+    life->calls.emplace(call.get(), call);
+}
+
+void LiveServers::Detach(const Life& life, const OpenCall* call)
+{
+    const Lock lock(Set().mutex);
+    life->calls.erase(call);
+}
+
+HookScope::HookScope(TCServer* server)
+{
+    const Lock lock(Set().mutex);
+    const auto found = Set().servers.find(server);
+    if (found != Set().servers.end()) {
+        Open(found->second);
+    }
+}
+
+HookScope::HookScope(const Life& life)
+{
+    const Lock lock(Set().mutex);
+    Open(life);
+}
+
+// The caller holds the lock of the set.
+void HookScope::Open(const Life& life)
+{
+    if (life->server != nullptr && !life->quiet) {
+        life->inside.push_back(std::this_thread::get_id());
+        m_Server = life->server;
+        m_Life = life;
+    }
+}
 
 HookScope::~HookScope()
 {
-    if (m_Live == nullptr) {
+    if (m_Life == nullptr) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(Set().mutex);
-    auto& inside = m_Live->inside;
+    const Lock lock(Set().mutex);
+    auto& inside = m_Life->inside;
     inside.erase(std::find(inside.begin(), inside.end(), std::this_thread::get_id()));
     Set().left.notify_all();
-}
-
-std::uint64_t HookScope::Identity() const
-{
-    return m_Live->identity;
 }
 
 } // namespace Velmora::Internal

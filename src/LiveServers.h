@@ -6,7 +6,6 @@
 // server's destructor waits.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 
 namespace Velmora {
@@ -15,19 +14,36 @@ class TCServer;
 
 namespace Velmora::Internal {
 
+// A server's life, which outlasts it. Tells a server from a later one at the same address.
 struct LiveServer;
+using Life = std::shared_ptr<LiveServer>;
+
+// An inbound call on its way to another thread, still without an answer.
+class OpenCall
+{
+public:
+    virtual ~OpenCall() = default;
+    virtual void FailAndFlush() = 0;
+};
 
 class LiveServers
 {
 public:
     static void Add(TCServer* server);
 
-    // For the destructor: no scope finds the server from now on; waits for those of other threads.
+    // For the destructor: no scope finds the server from now on; waits for those of other threads,
+    // and fails the calls that have not been handled by then.
     static void Remove(TCServer* server);
 
     // No scope opens until Resume; waits for those of other threads.
     static void Quiesce(TCServer* server);
     static void Resume(TCServer* server);
+
+    static Life Of(TCServer* server);
+
+    // Between the two, the end of the server fails the call, unless that is being destroyed.
+    static void Attach(const Life& life, const std::shared_ptr<OpenCall>& call);
+    static void Detach(const Life& life, const OpenCall* call);
 };
 
 class HookScope
@@ -35,21 +51,22 @@ class HookScope
 public:
     // Open if the server is alive and takes callbacks.
     explicit HookScope(TCServer* server);
-    // The same, unless the address belongs to another server by now.
-    HookScope(TCServer* server, std::uint64_t identity);
+    explicit HookScope(const Life& life);
     HookScope() = default;
     HookScope(HookScope&& other) noexcept = default;
     HookScope& operator=(HookScope&&) = delete;
     ~HookScope();
 
-    explicit operator bool() const { return m_Live != nullptr; }
+    explicit operator bool() const { return m_Life != nullptr; }
     TCServer* operator->() const { return m_Server; }
     TCServer& operator*() const { return *m_Server; }
-    std::uint64_t Identity() const;
+    const Life& GetLife() const { return m_Life; }
 
 private:
+    void Open(const Life& life);
+
     TCServer* m_Server = nullptr;
-    std::shared_ptr<LiveServer> m_Live; // may outlive the server
+    Life m_Life;
 };
 
 } // namespace Velmora::Internal

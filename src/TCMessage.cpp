@@ -7,9 +7,12 @@
 
 #include <glib.h>
 
+#include "JsonText.h"
 #include "TCLog.h"
 
 namespace Velmora {
+
+using namespace Internal;
 
 namespace {
 
@@ -97,6 +100,11 @@ std::unique_ptr<unsigned char[]> CopyBytes(const unsigned char* data, unsigned i
 
 } // namespace
 
+std::string Internal::WriteJson(const Json::Value& value)
+{
+    return JsonTools::OfThread().Write(value);
+}
+
 TCData::TCData(const std::string& text) : m_Text(text)
 {
     Parse();
@@ -141,7 +149,7 @@ bool TCData::Parse()
 void TCData::Generate()
 {
     if (!m_Json.empty()) {
-        m_Text = JsonTools::OfThread().Write(m_Json);
+        m_Text = WriteJson(m_Json);
     }
 }
 
@@ -171,7 +179,7 @@ std::string TCData::GetMessage() const
 std::string TCData::GetString() const
 {
     if (m_Text.empty() && !m_Json.empty()) {
-        return JsonTools::OfThread().Write(m_Json);
+        return WriteJson(m_Json);
     }
     return m_Text;
 }

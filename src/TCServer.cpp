@@ -85,37 +85,46 @@ bool TCServer::IfMessageReplied(const char* /*from*/, const TCMessage* /*message
     return false;
 }
 
-// The caller holds the registry's lock.
-TCServer* TCServer::m_FindServer(const char* source)
+TCServer* TCServer::m_GetDbusServer(const char* source)
 {
     if (source == nullptr) {
         VELMORA_LOG_NULL("source");
         return nullptr;
     }
-    const auto found = m_CreatedDbusServers.find(source);
-    if (found == m_CreatedDbusServers.end()) {
-        VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
-        return nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(RegistryMutex());
+        const auto found = m_CreatedDbusServers.find(source);
+        if (found != m_CreatedDbusServers.end()) {
+            return found->second;
+        }
     }
-    return found->second;
+    VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
+    return nullptr;
 }
 
-TCServer* TCServer::m_GetDbusServer(const char* source)
+// Into the server of an entry. One that was destroyed without a close has left its entry behind,
+// and another server may stand in its place by now.
+HookScope TCServer::m_EnterEntry(const std::string& name, TCServer* entry)
 {
-    const std::lock_guard<std::mutex> lock(RegistryMutex());
-    return m_FindServer(source);
+    HookScope server(entry);
+    return server && server->m_ServiceName == name ? std::move(server) : HookScope();
 }
 
 // Into a server that the client has named as its own.
 HookScope TCServer::m_RequireServer(const char* source)
 {
-    const std::lock_guard<std::mutex> lock(RegistryMutex());
-    TCServer* const server = m_FindServer(source);
-    if (server == nullptr) {
-        VELMORA_LOG_NULL("server");
-        return {};
+    if (source != nullptr) {
+        std::string busName;
+        HookScope server = m_EnterServer(source, &busName);
+        if (server) {
+            return server;
+        }
+        VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
+    } else {
+        VELMORA_LOG_NULL("source");
     }
-    return HookScope(server);
+    VELMORA_LOG_NULL("server");
+    return {};
 }
 
 // Into a server that may or may not be in this process.
@@ -126,7 +135,7 @@ HookScope TCServer::m_EnterServer(const char* source, std::string* busName)
     if (found == m_CreatedDbusServers.end()) {
         return {};
     }
-    HookScope server(found->second);
+    HookScope server = m_EnterEntry(found->first, found->second);
     if (server) {
         *busName = server->m_DBusName; // constant while it is registered
     }
@@ -135,12 +144,8 @@ HookScope TCServer::m_EnterServer(const char* source, std::string* busName)
 
 std::string TCServer::m_GetDBusName(std::string name)
 {
-    {
-        const std::lock_guard<std::mutex> lock(RegistryMutex());
-        const auto found = m_CreatedDbusServers.find(name);
-        if (found != m_CreatedDbusServers.end()) {
-            return found->second->m_DBusName;
-        }
+    if (std::string busName; m_EnterServer(name.c_str(), &busName)) {
+        return busName;
     }
     name += kSuffix;
     TCServerHelper::FormatDBusName(name);
@@ -231,42 +236,55 @@ bool TCServer::m_Open(GDBusConnection* connection)
         return true;
     case SERVER_TYPE_SERVICE:
     case SERVER_TYPE_ACTIVITY:
+        // Another create may have taken the service name since it was first looked at.
+        std::string owner;
         return m_FormBusName() && m_OwnName(connection) && m_ExportObject(connection) &&
-               m_Register();
+               m_CheckNames(owner, true);
     }
-    return m_Register();
+    const std::lock_guard<std::mutex> lock(RegistryMutex());
+    m_CreatedDbusServers[m_ServiceName] = this;
+    return true;
 }
 
-// Whether the service name is free, and the owner of an activity, if there is one. The caller holds
-// the registry's lock.
-bool TCServer::m_CheckNames(std::string& owner) const
+// The name of the open service of the process, or nothing. The caller holds the registry's lock.
+std::string TCServer::m_FindService()
 {
-    if (m_CreatedDbusServers.count(m_ServiceName) > 0) {
+    for (const auto& [name, entry] : m_CreatedDbusServers) {
+        const HookScope server = m_EnterEntry(name, entry);
+        if (server && server->m_ServerType == SERVER_TYPE_SERVICE) {
+            return name;
+        }
+    }
+    return "";
+}
+
+// Whether the server may open beside the others, and then enters it if told so.
+bool TCServer::m_CheckNames(std::string& owner, bool enter)
+{
+    bool used = false;
+    bool free = false;
+    {
+        const std::lock_guard<std::mutex> lock(RegistryMutex());
+        used = m_CreatedDbusServers.count(m_ServiceName) > 0;
+        owner = m_FindService();
+        free = !used && (owner.empty() || m_ServerType != SERVER_TYPE_SERVICE);
+        if (free && enter) {
+            m_CreatedDbusServers[m_ServiceName] = this;
+        }
+    }
+    if (used) {
         VELMORA_LOGE("%s name has been used!", m_ServiceName.c_str());
-        return false;
+    } else if (!free) {
+        VELMORA_LOGE("only one eflapplication/daemon service can be created in one process!");
     }
-    for (const auto& [name, server] : m_CreatedDbusServers) {
-        if (server->m_ServerType != SERVER_TYPE_SERVICE) {
-            continue;
-        }
-        if (m_ServerType == SERVER_TYPE_SERVICE) {
-            VELMORA_LOGE("only one eflapplication/daemon service can be created in one process!");
-            return false;
-        }
-        owner = name;
-        break;
-    }
-    return true;
+    return free;
 }
 
 bool TCServer::m_FormBusName()
 {
     std::string owner;
-    {
-        const std::lock_guard<std::mutex> lock(RegistryMutex());
-        if (!m_CheckNames(owner)) {
-            return false;
-        }
+    if (!m_CheckNames(owner, false)) {
+        return false;
     }
     if (m_ServerType == SERVER_TYPE_ACTIVITY) {
         if (owner.empty()) {
@@ -286,7 +304,7 @@ bool TCServer::m_FormBusName()
 
 bool TCServer::m_OwnName(GDBusConnection* connection)
 {
-    if (IsBusName(m_DBusName)) {
+    if (IsInterfaceName(m_DBusName)) { // which it becomes, too
         constexpr auto flags = static_cast<GBusNameOwnerFlags>(
             G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
         m_OwnerId = g_bus_own_name_on_connection(connection, m_DBusName.c_str(), flags,
@@ -320,17 +338,6 @@ bool TCServer::m_ExportObject(GDBusConnection* connection)
         VELMORA_LOGE("Register Obj Path Fail!");
         return false;
     }
-    return true;
-}
-
-bool TCServer::m_Register()
-{
-    const std::lock_guard<std::mutex> lock(RegistryMutex());
-    // Another create may have taken the name since it was looked at.
-    if (std::string owner; !m_CheckNames(owner)) {
-        return false;
-    }
-    m_CreatedDbusServers[m_ServiceName] = this;
     return true;
 }
 

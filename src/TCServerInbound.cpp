@@ -1,10 +1,12 @@
 // Calls that arrive over the bus: unpacked, moved to a queue's thread where the client says so,
 // handled and answered.
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <utility>
 
 #include "BusBody.h"
+#include "GLibPtr.h"
 #include "LiveServers.h"
 #include "TCServer.h"
 
@@ -42,29 +44,52 @@ private:
 
 // A call on its way to the thread that handles it. Wherever it ends up without having been handled,
 // in a queue that is cleared or with a server that is gone, its caller gets the error reply.
-class TCServer::MovedCall
+class TCServer::MovedCall : public OpenCall
 {
 public:
-    MovedCall(const HookScope& server, std::unique_ptr<char[]> from,
-              std::unique_ptr<TCMessage> message, GDBusMethodInvocation* invocation)
-        : m_Server(&*server), m_Identity(server.Identity()), m_From(std::move(from)),
-          m_Message(std::move(message)), m_Invocation(invocation)
+    MovedCall(Life life, std::unique_ptr<char[]> from, std::unique_ptr<TCMessage> message,
+              GDBusMethodInvocation* invocation)
+        : m_Life(std::move(life)), m_From(std::move(from)), m_Message(std::move(message)),
+          m_Invocation(invocation)
     {}
+    ~MovedCall() override
+    {
+        LiveServers::Detach(m_Life, this);
+        const Invocation unhandled(m_Invocation.exchange(nullptr));
+    }
+    MovedCall(const MovedCall&) = delete;
+    MovedCall& operator=(const MovedCall&) = delete;
 
     void Handle()
     {
-        const HookScope server(m_Server, m_Identity);
+        const HookScope server(m_Life);
         if (server) {
-            server->m_HandleMsg(m_From.release(), m_Message.release(), m_Invocation.Release());
+            server->m_HandleMsg(m_From.release(), m_Message.release(),
+                                m_Invocation.exchange(nullptr));
         }
     }
 
+    // By the end of the server, after which perhaps nobody holds the connection any more; what it
+    // has not sent by then is lost.
+    void FailAndFlush() override
+    {
+        GDBusMethodInvocation* const unhandled = m_Invocation.exchange(nullptr);
+        if (unhandled == nullptr) {
+            return;
+        }
+        const ConnectionPtr connection(static_cast<GDBusConnection*>(
+            g_object_ref(g_dbus_method_invocation_get_connection(unhandled))));
+        Invocation{unhandled}; // the error reply
+        g_dbus_connection_flush_sync(connection.get(), nullptr, nullptr);
+    }
+
+    const Life m_Life;
+
 private:
-    TCServer* m_Server;
-    std::uint64_t m_Identity;
     std::unique_ptr<char[]> m_From;
     std::unique_ptr<TCMessage> m_Message;
-    Invocation m_Invocation;
+    // Taken by the queue's thread to be handled, or by the one that ends the server.
+    std::atomic<GDBusMethodInvocation*> m_Invocation;
 };
 
 void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*sender*/,
@@ -91,29 +116,36 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*s
         VELMORA_LOGE("error method name : %s", methodName);
         return;
     }
+    ReceivedBody body(parameters);
+    VELMORA_LOGI("from[%s] [%s]", body.from ? body.from.get() : "null",
+                 body.text ? body.text.get() : "null");
     auto message = std::make_unique<TCMessage>();
-    std::unique_ptr<char[]> from = ReadBody(parameters, *message);
-    VELMORA_LOGI("from[%s] [%s]", from ? from.get() : "null",
-                 from ? message->GetString().c_str() : "null");
+    body.MoveInto(*message);
 
     TCEventIO* target = nullptr;
-    const bool moved = server->IfTransferMessage(from.get(), message.get(), target);
-    const auto call = std::make_shared<MovedCall>(server, std::move(from), std::move(message),
-                                                  invocation.Release());
-    if (moved && target != nullptr) {
-        VELMORA_LOGI("send internal event");
-        auto callable = std::make_unique<std::function<void()>>([call] { call->Handle(); });
-        TCEvent event;
-        event.receiver = target;
-        event.id = EVENT_EXECUTE_FUNCTION;
-        event.param.p = callable.get();
-        if (TCEventIO::SendEvent(&event)) {
-            static_cast<void>(callable.release()); // t_Clear of the queue frees it
-            VELMORA_LOGI("send internal event success");
-            return;
-        }
+    if (server->IfTransferMessage(body.from.get(), message.get(), target) && target != nullptr) {
+        m_MoveCall(*target, std::make_shared<MovedCall>(server.GetLife(), std::move(body.from),
+                                                        std::move(message), invocation.Release()));
+    } else {
+        server->m_HandleMsg(body.from.release(), message.release(), invocation.Release());
     }
-    call->Handle();
+}
+
+void TCServer::m_MoveCall(TCEventIO& target, const std::shared_ptr<MovedCall>& call)
+{
+    VELMORA_LOGI("send internal event");
+    LiveServers::Attach(call->m_Life, call);
+    auto callable = std::make_unique<std::function<void()>>([call] { call->Handle(); });
+    TCEvent event;
+    event.receiver = &target;
+    event.id = EVENT_EXECUTE_FUNCTION;
+    event.param.p = callable.get();
+    if (TCEventIO::SendEvent(&event)) {
+        static_cast<void>(callable.release()); // t_Clear of the queue frees it
+        VELMORA_LOGI("send internal event success");
+    } else {
+        call->Handle();
+    }
 }
 
 void TCServer::m_HandleMsg(const char* rawFrom, const TCMessage* rawMessage,
@@ -126,7 +158,6 @@ void TCServer::m_HandleMsg(const char* rawFrom, const TCMessage* rawMessage,
         const std::unique_ptr<const TCMessage> message(rawMessage);
         IfMessageReceived(from.get(), message.get(), &reply, nullptr);
     }
-    reply.Generate();
     const BusBody body(m_ServiceName, reply, BusBody::Use::Reply);
     if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
         VELMORA_LOGE("cannot reply: %s", reason);

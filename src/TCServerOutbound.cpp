@@ -30,7 +30,32 @@ bool SaysFail(const TCMessage& reply)
     return result.isString() && result.asString() == "fail";
 }
 
+// A name of an event that a client may have built: empty, and so nobody's, if it is no string.
+std::string NameIn(const Json::Value& names, const char* key)
+{
+    const Json::Value name = names.isObject() ? names[key] : Json::Value();
+    return name.isConvertibleTo(Json::stringValue) ? name.asString() : "";
+}
+
 } // namespace
+
+// The reply to an asynchronous call may come when its server is gone and another one has taken its
+// place in memory, too.
+struct TCServer::PendingReply
+{
+    TCServer* server;
+    Life life;
+
+    static void Deliver(GObject* source, GAsyncResult* result, void* data)
+    {
+        // From the call that asked for the reply.
+        const std::unique_ptr<PendingReply> pending(static_cast<PendingReply*>(data));
+        const HookScope alive(pending->life);
+        if (alive) {
+            m_PendingCallNotify(source, result, pending->server);
+        }
+    }
+};
 
 bool TCServer::SendMessage(const char* server, const char* dest, const TCMessage* message,
                            bool sync, TCMessage* reply)
@@ -112,13 +137,9 @@ bool TCServer::m_SendAsEvent(TCServer& target, const char* dest, const TCMessage
 
 void Internal::DeliverTransferredMessage(const TCEvent& event)
 {
-    const Json::Value& names = event.data.m_Json;
-    if (!names.isObject() || !names["from"].isString() || !names["dest"].isString()) {
-        VELMORA_LOGE("transferred message without from and dest");
-        return;
-    }
     TCMessage thrownAway;
-    TCServer::SendMessage(names["from"].asCString(), names["dest"].asCString(),
+    TCServer::SendMessage(NameIn(event.data.m_Json, "from").c_str(),
+                          NameIn(event.data.m_Json, "dest").c_str(),
                           static_cast<const TCMessage*>(event.param.p), true, &thrownAway);
 }
 
@@ -133,26 +154,31 @@ bool TCServer::m_SendOverBus(const char* dest, std::string target, const TCMessa
     }
     TCServerHelper::FormatDBusName(target);
     const std::string path = TCServerHelper::GetObjectPath(target);
-    TCMessage copy(*message); // the body's bytes are this copy's
     VELMORA_LOGI("prepare GVariant");
-    const BusBody body(m_ServiceName, copy, BusBody::Use::Request);
+    const BusBody body(m_ServiceName, *message, BusBody::Use::Request);
+    VELMORA_LOGI("from[%s] to [%s] [%s]", m_ServiceName.c_str(), target.c_str(),
+                 body.Text().c_str());
     const char* reason = body.WhyNotCarried();
-    if (!IsBusName(target) || !IsInterfaceName(target)) {
+    if (!IsInterfaceName(target)) { // the stricter rule of the two that it is under
         reason = "the name is not legal on D-Bus";
-    } else if (timeout < -1) {
+    } else if (sync && timeout < -1) {
         reason = "the timeout is negative";
     }
     if (reason != nullptr) {
         VELMORA_LOGE("cannot send message to %s: %s", target.c_str(), reason);
+        VELMORA_LOGD("send %s!", "fail");
         return false;
     }
-    VELMORA_LOGI("from[%s] to [%s] [%s]", m_ServiceName.c_str(), target.c_str(),
-                 body.Text().c_str());
 
     if (!sync) {
+        std::unique_ptr<PendingReply> pending;
+        if (reply != nullptr) {
+            pending.reset(new PendingReply{this, LiveServers::Of(this)});
+        }
         g_dbus_connection_call(m_Connection, target.c_str(), path.c_str(), target.c_str(),
                                MethodFor(body), body.Build(), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-                               nullptr, reply != nullptr ? &m_PendingCallNotify : nullptr, this);
+                               nullptr, pending ? &PendingReply::Deliver : nullptr, pending.get());
+        static_cast<void>(pending.release()); // Deliver frees it
         VELMORA_LOGD("send %s!", "success");
         return true;
     }
@@ -166,7 +192,7 @@ bool TCServer::m_SendOverBus(const char* dest, std::string target, const TCMessa
         VELMORA_LOGE("Fail to invoking sync message call(%s %d)", error->message, error->code);
     }
     if (answer) {
-        ReadBody(answer.get(), *reply);
+        ReceivedBody(answer.get()).MoveInto(*reply);
         if (reply->Parse() && SaysFail(*reply)) {
             VELMORA_LOGE("send sync message fail: %s", reply->GetMessage().c_str());
             success = false;
@@ -203,12 +229,13 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, void* 
         VELMORA_LOGE("dbus finish fail!");
         return;
     }
+    ReceivedBody received(answer.get());
     TCMessage message;
-    const std::unique_ptr<char[]> from = ReadBody(answer.get(), message);
+    received.MoveInto(message);
     unsigned char* buffer = nullptr;
     if (!message.m_Type.empty() || !message.GetMessage().empty() ||
         message.GetBuffer(buffer) != 0) {
-        server->IfMessageReplied(from.get(), &message);
+        server->IfMessageReplied(received.from.get(), &message);
     }
 }
 

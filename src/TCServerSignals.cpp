@@ -32,11 +32,8 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message)
         VELMORA_LOGE("dbus connection is not open");
         return false;
     }
-    TCMessage copy; // the body's bytes are this copy's
-    if (message != nullptr) {
-        copy = *message;
-    }
-    const BusBody body(m_ServiceName, copy, BusBody::Use::Request);
+    const TCMessage empty;
+    const BusBody body(m_ServiceName, message != nullptr ? *message : empty, BusBody::Use::Request);
     const char* const reason = body.WhyNotCarried();
     bool success = false;
     if (reason != nullptr) {
@@ -205,13 +202,14 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         return;
     }
     VELMORA_LOGI("begin to analyze signal of %s", key.c_str());
+    ReceivedBody received(parameters);
     TCMessage message;
-    const std::unique_ptr<char[]> from = ReadBody(parameters, message);
+    received.MoveInto(message);
     if (callback != nullptr) {
-        callback(from.get(), signalName, &message, callbackData);
+        callback(received.from.get(), signalName, &message, callbackData);
     } else {
         TCMessage reply;
-        server->IfMessageReceived(from.get(), &message, &reply, signalName);
+        server->IfMessageReceived(received.from.get(), &message, &reply, signalName);
     }
 }
 
