@@ -1,6 +1,7 @@
 #include "BusPeers.h"
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "TCServer.h"
@@ -52,28 +53,46 @@ protected:
     }
 };
 
-void RawCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
-             const gchar* /*interface*/, const gchar* method, GVariant* body,
-             GDBusMethodInvocation* invocation, gpointer /*data*/)
+void RawAnswer(GDBusMethodInvocation* invocation)
 {
+    GVariant* const body = g_dbus_method_invocation_get_parameters(invocation);
     const char *from = nullptr, *type = nullptr, *text = nullptr;
     guint32 code = 0;
     GVariant* buffer = nullptr;
-    if (std::strcmp(method, "SendMessage") == 0) {
+    if (std::strcmp(g_dbus_method_invocation_get_method_name(invocation), "SendMessage") == 0) {
         g_variant_get(body, "(&su&s&s)", &from, &code, &type, &text);
     } else {
         g_variant_get(body, "(&su&s&s@a(y))", &from, &code, &type, &text, &buffer);
     }
+    const std::string json = std::strcmp(type, kWithJson) == 0 ? WriteJson(ReadJson(text)) : "";
     const bool back = buffer != nullptr && std::strcmp(type, kSink) != 0;
     static constexpr unsigned char none = 0;
     GVariant* const answer =
         back ? buffer
              : g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), &none, 1, TRUE, nullptr, nullptr);
     g_dbus_method_invocation_return_value(
-        invocation, g_variant_new("(suss@a(y))", kRaw, code, type, text, answer));
+        invocation,
+        g_variant_new("(suss@a(y))", kRaw, code, type, json.empty() ? text : json.c_str(), answer));
     if (buffer != nullptr) {
         g_variant_unref(buffer);
     }
+}
+
+void RawCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+             const gchar* /*interface*/, const gchar* /*method*/, GVariant* /*body*/,
+             GDBusMethodInvocation* invocation, gpointer context)
+{
+    if (context == nullptr) {
+        RawAnswer(invocation);
+        return;
+    }
+    g_main_context_invoke_full(
+        static_cast<GMainContext*>(context), G_PRIORITY_DEFAULT,
+        [](gpointer moved) -> gboolean {
+            RawAnswer(static_cast<GDBusMethodInvocation*>(moved));
+            return G_SOURCE_REMOVE;
+        },
+        invocation, nullptr);
 }
 
 const char kRawXml[] =
@@ -116,8 +135,18 @@ GDBusConnection* Bus()
 {
     static const GDBusInterfaceVTable table = {RawCall, nullptr, nullptr, {}};
     GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(kRawXml, nullptr);
-    g_dbus_connection_register_object(Bus(), "/bench/raw/message", node->interfaces[0], &table,
-                                      nullptr, nullptr, nullptr);
+    GMainContext* const moved = g_main_context_new();
+    g_thread_new(
+        "moved",
+        [](gpointer context) -> gpointer {
+            g_main_loop_run(g_main_loop_new(static_cast<GMainContext*>(context), FALSE));
+            return nullptr;
+        },
+        moved);
+    g_dbus_connection_register_object(Bus(), kRawPath, node->interfaces[0], &table, nullptr,
+                                      nullptr, nullptr);
+    g_dbus_connection_register_object(Bus(), kRawMovedPath, node->interfaces[0], &table, moved,
+                                      nullptr, nullptr);
     g_bus_own_name_on_connection(Bus(), "bench.raw.message", G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
                                  nullptr, nullptr, nullptr);
     RunLoop();
@@ -161,6 +190,22 @@ void Acknowledge(guint32 code)
 }
 
 } // namespace
+
+Json::Value ReadJson(const char* text)
+{
+    std::string errors;
+    Json::Value value;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    reader->parse(text, text + std::strlen(text), &value, &errors);
+    return value;
+}
+
+std::string WriteJson(const Json::Value& value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
 
 int RunPeer(const char* role)
 {

@@ -33,28 +33,38 @@ class HookScope;
 ///
 /// Names. The service name is what clients pass around. The bus name, which is also the interface
 /// name, is the service name with ".message" behind it, for an activity with its owner's name and a
-/// "." before it; characters that a bus name cannot hold become "_".
+/// "." before it; all but ASCII letters, digits, "." and "_" becomes "_".
 ///
 /// Threads. The hooks of this class and signal callbacks run on the bus dispatch thread: whichever
 /// thread runs a main loop on the context that was thread-default where CreateDBusServer() or
 /// SubscribeSignal() was called, which is the global default context unless the client has pushed
-/// one. Without such a loop no hook runs, and what arrives piles up. A send inside one process runs
-/// the target's IfMessageReceived() on the calling thread, several at once if several threads send.
+/// one; for IfMessageReplied() the context that was thread-default where SendMessage() was called.
+/// Without such a loop no hook runs, and what arrives piles up. A send inside one process runs the
+/// target's IfMessageReceived() on the calling thread, several at once if several threads send. A
+/// hook that throws on the dispatch thread ends the process.
 ///
 /// Lifetime. Whatever arrives for a server that has been destroyed touches nothing, and the
 /// destructor waits for hooks that run on other threads. But by then the derived class is gone: a
 /// derived class whose hooks run on other threads calls AwaitHooks() between the close and its own
-/// destruction, its destructor's first line at the latest.
+/// destruction, its destructor's first line at the latest. A hook must not destroy its own server,
+/// and not two hooks of one server may call AwaitHooks() at once: they would wait for each other.
 ///
-/// Several operations may overlap on one server: sends with sends, subscriptions and a close. Not
-/// with anything but itself: the destructor. IsServiceAvailable() must not overlap a close.
+/// What may overlap. On one server, sends, subscriptions, create, close and AwaitHooks() may be
+/// called on any threads at once; a send that finds a create, a close or a subscription at work for
+/// more than a millisecond gives false ("Server is going to be closed!"). IsServiceAvailable() must
+/// not overlap a close. Nothing may overlap the destructor.
+///
+/// What the bus cannot carry is refused with false and an error line: text and type that are not
+/// UTF-8 or hold a NUL, names that are not legal on D-Bus, and messages over the bus's limit of
+/// 32 MiB (as the library is built by default), in which a buffer takes eight bytes a byte: some
+/// 4 MiB of it. A reply of that kind is replaced by the error reply.
 class [[gnu::visibility("default")]] TCServer
 {
 public:
     enum TCServerType : std::uint32_t {
         SERVER_TYPE_SERVICE = 0, ///< the service of the process; at most one is open
         SERVER_TYPE_ACTIVITY,    ///< a sub-service of the process; any number
-        SERVER_TYPE_PROXY        ///< can send and subscribe, and owns no name
+        SERVER_TYPE_PROXY        ///< can send messages and subscribe; has no name and no signals
     };
 
     /// Touches no bus.
@@ -70,7 +80,9 @@ public:
     /// Connects to the system bus and, for a service or an activity, requests the name, exports the
     /// object and enters the server among those of the process. Whether the bus grants the name
     /// shows later: the signal "service_start_default" goes out when it does.
-    /// Not to be called inside a send of this server: after a failed create it waits for those.
+    /// Blocks until the bus is reached. Fails while anyone in the process still holds a connection
+    /// that the bus has dropped: close all servers first, and let the main loop run. Not to be
+    /// called inside a send of this server: after a failed create it waits for those.
     /// @return whether the server is open; what a failed call leaves is released by the next one or
     ///         by CloseDBusServer()
     bool CreateDBusServer();
@@ -137,7 +149,10 @@ public:
     /// @param signal the signal's name
     /// @param callback null gives the signal to IfMessageReceived()
     /// @param userData handed to the callback
-    /// @return true if subscribed, or subscribed before, when the first callback stays
+    /// @return true if subscribed, or subscribed before, when the first callback stays; false
+    ///         without an open connection or for a name that is not legal on D-Bus. The bus does
+    ///         not tell when its limit of match rules is reached (512 a process on the reference
+    ///         daemon): what is beyond it is never delivered.
     bool SubscribeSignal(const char* from, const char* signal, TCSignalCallback callback,
                          void* userData);
 
@@ -146,9 +161,13 @@ public:
     static bool SubscribeSignal(const char* source, const char* from, const char* signal,
                                 TCSignalCallback callback, void* userData);
 
-    /// Ends a subscription that was made with a `from`.
-    /// @return false without an open connection or a `from`
+    /// Ends a subscription that was made with a `from`; one without ends at the close. A callback
+    /// that has begun on the dispatch thread runs on: callback and userData stay valid until that
+    /// thread is known to be past it, or until the close and AwaitHooks().
+    /// @return false without an open connection or a `from`; true also for what was not subscribed
     bool UnSubscribeSignal(const char* from, const char* signal);
+
+    /// UnSubscribeSignal() of the server of this process with the service name `source`.
     static bool UnSubscribeSignal(const char* source, const char* from, const char* signal);
 
     /// Key signals do not exist; these answer false.
@@ -176,9 +195,10 @@ public:
 
 protected:
     /// For subclasses: says where an inbound call is handled. Runs on the bus dispatch thread.
-    /// @param target set it to a queue and return true to have IfMessageReceived() run on the
-    /// thread
-    ///               of that queue's loop
+    /// @param target
+    ///        set it to a queue and return true to have IfMessageReceived() run on the thread of
+    ///        that queue's loop. The queue lives until this hook's server is closed and has had
+    ///        AwaitHooks(). One that takes no events leaves the call to the dispatch thread.
     virtual bool IfTransferMessage(const char* from, const TCMessage* message, TCEventIO*& target);
 
     /// For subclasses: handles a message or a signal. Arguments live for the length of the call.

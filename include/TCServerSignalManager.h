@@ -33,7 +33,8 @@ struct STSignalControl
     unsigned int m_SubscriptionId; ///< of GDBus
 };
 
-/// The subscriptions of a server by their keys. Every operation may be called on any thread: the
+/// The subscriptions of a server by their keys: the sender's bus name, "." and the signal's name,
+/// or the signal's name alone for one from anyone. Every operation may be called on any thread: the
 /// table guards itself, and calls nobody.
 class [[gnu::visibility("default")]] TCServerSignalManager
 {

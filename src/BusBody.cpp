@@ -9,7 +9,6 @@ namespace {
 
 constexpr std::uint64_t kMaxMessage = SENNET_MAX_MESSAGE_BYTES;
 constexpr std::uint64_t kMaxArray = 64U << 20U; // D-Bus protocol, "Marshaling"
-constexpr std::size_t kMaxName = 255;           // D-Bus protocol, "Valid Names"
 
 constexpr char kErrorText[] = R"({"dbus_result":"fail","errmsg":"error handling"})";
 
@@ -54,9 +53,12 @@ bool IsText(const std::string& text)
     return g_utf8_validate_len(text.data(), text.size(), nullptr) != 0;
 }
 
-GVariant* WrapBytes(const void* bytes, std::size_t size)
+// The one copy that a buffer takes on its way out: GDBus keeps a body for a while after it was
+// sent.
+GVariant* CopyBytes(const void* bytes, std::size_t size)
 {
-    return g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
+    void* const copy = g_memdup2(bytes, size);
+    return g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), copy, size, TRUE, g_free, copy);
 }
 
 } // namespace
@@ -100,7 +102,7 @@ GVariant* BusBody::Build() const
         return g_variant_new("(suss)", m_From.c_str(), code, type, m_Text.c_str());
     }
     static constexpr unsigned char noBuffer = 0;
-    GVariant* const buffer = HasBuffer() ? WrapBytes(m_Bytes, m_Size) : WrapBytes(&noBuffer, 1);
+    GVariant* const buffer = HasBuffer() ? CopyBytes(m_Bytes, m_Size) : CopyBytes(&noBuffer, 1);
     return g_variant_new("(suss@a*)", m_From.c_str(), code, type, m_Text.c_str(), buffer);
 }
 

@@ -18,6 +18,8 @@ namespace Velmora::Internal {
 // The literal definition of the interface; "%s" is its name.
 extern const char* const kInterfaceXml;
 
+constexpr std::size_t kMaxName = 255; // D-Bus protocol, "Valid Names"
+
 // What GDBus and the bus check by their own rules, with a critical or the loss of the connection.
 bool IsInterfaceName(const std::string& name);
 bool IsMemberName(const std::string& name);
@@ -31,8 +33,7 @@ public:
     };
 
     // Its text is that of a copy of the message: the JSON, where there is one. The message must
-    // outlive this object and stay as it is, and so for the body made of it, whose bytes are the
-    // message's.
+    // outlive this object and stay as it is.
     BusBody(const std::string& from, const TCMessage& message, Use use);
 
     bool HasBuffer() const { return m_Size > 0; }

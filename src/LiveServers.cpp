@@ -78,16 +78,21 @@ void LiveServers::Remove(TCServer* server)
 
 void LiveServers::Quiesce(TCServer* server)
 {
-    Lock lock(Set().mutex);
-    const Life life = Set().servers.at(server);
-    life->quiet = true;
-    AwaitOtherThreads(lock, *life);
+    const Lock lock(Set().mutex);
+    Set().servers.at(server)->quiet = true;
 }
 
 void LiveServers::Resume(TCServer* server)
 {
     const Lock lock(Set().mutex);
     Set().servers.at(server)->quiet = false;
+}
+
+void LiveServers::AwaitScopes(TCServer* server)
+{
+    Lock lock(Set().mutex);
+    const Life life = Set().servers.at(server);
+    AwaitOtherThreads(lock, *life);
 }
 
 Life LiveServers::Of(TCServer* server)

@@ -35,9 +35,12 @@ public:
     // and fails the calls that have not been handled by then.
     static void Remove(TCServer* server);
 
-    // No scope opens until Resume; waits for those of other threads.
+    // Between the two no scope opens.
     static void Quiesce(TCServer* server);
     static void Resume(TCServer* server);
+
+    // Waits for the scopes of other threads.
+    static void AwaitScopes(TCServer* server);
 
     static Life Of(TCServer* server);
 

@@ -170,6 +170,10 @@ bool TCServer::IsServiceAvailable(const char* serviceName)
     }
     std::string name = std::string(serviceName) + kSuffix;
     TCServerHelper::FormatDBusName(name);
+    if (name.size() > kMaxName) { // no bus name; the bus drops who sends what is too long for it
+        VELMORA_LOGE("cannot ask for a service: the name is not legal on D-Bus");
+        return false;
+    }
     GError* raw = nullptr;
     const VariantPtr answer(g_dbus_connection_call_sync(
         m_Connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
@@ -406,8 +410,9 @@ bool TCServer::AwaitHooks()
             VELMORA_LOGE("%s is not closed", m_ServiceName.c_str());
             return false;
         }
+        LiveServers::Quiesce(this);
     }
-    LiveServers::Quiesce(this);
+    LiveServers::AwaitScopes(this);
     return true;
 }
 

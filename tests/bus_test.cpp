@@ -378,6 +378,7 @@ TEST_F(BusTest, WhatTheBusCannotCarryIsRefusedAndTheConnectionLives)
     EXPECT_FALSE(proxy.SendSignal("signal", &good)); // a proxy has no path
     EXPECT_FALSE(proxy.SubscribeSignal("1", "signal", nullptr, nullptr));
     EXPECT_FALSE(proxy.SubscribeSignal(nullptr, "no member", nullptr, nullptr));
+    EXPECT_FALSE(proxy.IsServiceAvailable(std::string(33U << 20U, 'a').c_str()));
     Server app("app");
     ASSERT_TRUE(app.CreateDBusServer());
     for (const auto& name : {std::string("no member"), std::string(256, 'm'), std::string()}) {
