@@ -1,7 +1,6 @@
 // Talks with the services on the bus from the command line.
 #include <clocale>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <string>
@@ -53,13 +52,20 @@ const Command& FindCommand(const std::string& name)
     throw Failure(kUsage, "unknown command \"" + name + "\"");
 }
 
-// Takes off the options before the command, which becomes argv[1].
-void ParseGlobal(int& argc, char**& argv, gboolean& json)
+struct GlobalOptions
 {
+    gboolean json = FALSE;
     gboolean version = FALSE;
+};
+
+// Takes off the options before the command, which becomes argv[1].
+GlobalOptions ParseGlobal(int& argc, char**& argv)
+{
+    GlobalOptions global;
     const GOptionEntry options[] = {
-        {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "One line of JSON for each record", nullptr},
-        {"version", 0, 0, G_OPTION_ARG_NONE, &version, "Show the version", nullptr},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &global.json, "One line of JSON for each record",
+         nullptr},
+        {"version", 0, 0, G_OPTION_ARG_NONE, &global.version, "Show the version", nullptr},
         {}};
     using OptionContextPtr =
         std::unique_ptr<GOptionContext, Velmora::Internal::Releaser<g_option_context_free>>;
@@ -73,22 +79,22 @@ void ParseGlobal(int& argc, char**& argv, gboolean& json)
     if (!parsed) {
         throw Failure(kUsage, error->message);
     }
-    if (version != FALSE) {
-        std::puts("sennetctl " SENNET_VERSION);
-        std::exit(kDone);
-    }
-    if (argc < 2) {
-        throw Failure(kUsage, "a command is missing");
-    }
+    return global;
 }
 
 int Run(int argc, char** argv)
 {
-    gboolean json = FALSE;
-    ParseGlobal(argc, argv, json);
+    const GlobalOptions global = ParseGlobal(argc, argv);
+    if (global.version != FALSE) {
+        std::puts("sennetctl " SENNET_VERSION);
+        return kDone;
+    }
+    if (argc < 2) {
+        throw Failure(kUsage, "a command is missing");
+    }
     const Command& command = FindCommand(argv[1]);
     g_set_prgname((std::string("sennetctl ") + command.name).c_str());
-    CommandLine line(command, argc - 1, argv + 1, json != FALSE);
+    CommandLine line(command, argc - 1, argv + 1, global.json != FALSE);
     return command.run(line);
 }
 
@@ -96,8 +102,8 @@ int Run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    // For the characters alone: messages stay English.
-    std::setlocale(LC_CTYPE, "");
+    // For the characters alone: messages stay English. No other thread runs yet.
+    std::setlocale(LC_CTYPE, ""); // NOLINT(concurrency-mt-unsafe)
     // What the library logs is told here in one line; it reads this with its first one.
     g_setenv("SENNET_LOG_LEVEL", "none", FALSE);
     g_set_prgname("sennetctl");
