@@ -1,4 +1,4 @@
-# Debian packages: `cmake --preset package && cmake --build --preset package`, then `cpack` in
+# Debian packages: `cmake --preset package`, `cmake --build --preset package`, then `cpack` in
 # build/package.
 find_program(SENNET_GZIP gzip)
 if(NOT SENNET_GZIP)
@@ -10,44 +10,43 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PACKAGE_NAME sennet)
 set(CPACK_PACKAGE_CONTACT "The libsennet authors <sennet@velmora.example>")
 set(CPACK_STRIP_FILES ON)
+# Whatever the umask is.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/compress_man_pages.cmake)
 
-# sennet_package(<component> <name> <section> <short description>)
-macro(sennet_package component name section summary)
+# The package of an install component, with the papers that each package must bring.
+macro(sennet_package component name section contents)
   string(TOUPPER ${component} upper)
   list(APPEND CPACK_COMPONENTS_ALL ${component})
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
-  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n ${description}")
-  # In the packages only: the papers that each one must bring.
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "This package holds ${contents}.")
   install(FILES cmake/debian/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
     DESTINATION share/doc/${name} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endmacro()
 
-set(description "A framework for applications on embedded Linux: threads with main loops and event
- queues, alarms, and named endpoints on D-Bus.")
-set(version "(= ${PROJECT_VERSION})")
+set(same_library "libsennet0 (= ${PROJECT_VERSION})")
 
-sennet_package(runtime libsennet0 libs "application framework on GLib and D-Bus")
+sennet_package(runtime libsennet0 libs "the shared library")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
 
-sennet_package(dev libsennet-dev libdevel "application framework on GLib and D-Bus - development")
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsennet0 ${version}, libglib2.0-dev, libjsoncpp-dev")
+sennet_package(dev libsennet-dev libdevel "what programs are built with")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_library}, libglib2.0-dev, libjsoncpp-dev")
 
-sennet_package(doc libsennet-doc doc "application framework on GLib and D-Bus - documentation")
+sennet_package(doc libsennet-doc doc "the documentation")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 
-if(TARGET sennetctl)
-  sennet_package(tools sennet-tools utils "application framework on GLib and D-Bus - tools")
+if(TARGET sennetctl) # with whatever is installed under the component "tools"
+  sennet_package(tools sennet-tools utils "the programs for users")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libsennet0 ${version}")
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${same_library}")
 endif()
 
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
