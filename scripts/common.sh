@@ -28,7 +28,7 @@ build() {
     preset=$1
     shift
     need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
-        dbus-daemon systemd libglib2.0-bin
+        dbus-daemon systemd libglib2.0-bin dpkg-dev file
     say "Building preset \"$preset\" in build/$preset"
     configured=$(cmake --preset "$preset" 2>&1) || { echo "$configured"; return 1; }
     cmake --build --preset "$preset" "$@"

@@ -2,136 +2,13 @@
 #include <csignal>
 
 #include <future>
-#include <memory>
 #include <optional>
 
-#include <gio/gio.h>
-
-#include "Harness.h"
+#include "BusHarness.h"
 
 using namespace Velmora;
 
 namespace {
-
-// Runs the default main context on a thread: the bus dispatch thread.
-class Dispatcher
-{
-public:
-    Dispatcher() : m_Loop(g_main_loop_new(nullptr, FALSE)), m_Thread([this] { Run(); })
-    {
-        Await([this] { return g_main_loop_is_running(m_Loop) != 0; });
-    }
-    ~Dispatcher()
-    {
-        g_main_loop_quit(m_Loop);
-        m_Thread.join();
-        g_main_loop_unref(m_Loop);
-    }
-    Dispatcher(const Dispatcher&) = delete;
-    Dispatcher& operator=(const Dispatcher&) = delete;
-
-    // On the dispatch thread, where no name arrives before the create is over: one that does meets
-    // a gate that may be shut, and its start signal is lost.
-    bool Create(TCServer& server)
-    {
-        std::promise<bool> created;
-        std::function<void()> create = [&] { created.set_value(server.CreateDBusServer()); };
-        g_main_context_invoke(
-            nullptr,
-            [](gpointer call) -> gboolean {
-                (*static_cast<std::function<void()>*>(call))();
-                return G_SOURCE_REMOVE;
-            },
-            &create);
-        return created.get_future().get();
-    }
-
-private:
-    void Run() { g_main_loop_run(m_Loop); }
-
-    GMainLoop* m_Loop;
-    std::thread m_Thread;
-};
-
-std::string Text(const char* text)
-{
-    return text != nullptr ? text : "(null)";
-}
-
-// Notes what its hooks get, and echoes messages.
-template <typename... Bases>
-class Hooks : public TCServer, public Bases...
-{
-public:
-    template <typename... Arguments>
-    explicit Hooks(const std::string& name, TCServerType type = SERVER_TYPE_SERVICE,
-                   Arguments... arguments)
-        : TCServer(name, type), Bases(arguments...)...
-    {}
-    ~Hooks() override
-    {
-        CloseDBusServer();
-        AwaitHooks();
-    }
-
-    std::string Seen()
-    {
-        const std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Seen;
-    }
-    void Note(const std::string& what)
-    {
-        const std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Seen += what + ";";
-    }
-
-    TCEventIO* transferTo = nullptr;
-    std::function<void(TCMessage& reply)> onMessage;
-    std::atomic<GThread*> thread{nullptr}; // of the last message
-
-    using TCServer::m_SendingCount;
-
-protected:
-    bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
-                           TCEventIO*& target) override
-    {
-        target = transferTo;
-        return transferTo != nullptr;
-    }
-    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
-                           const char* signalName) override
-    {
-        thread = g_thread_self();
-        *reply = *message;
-        if (onMessage) {
-            onMessage(*reply);
-        }
-        Note((signalName != nullptr ? std::string(signalName) + " " : "") + Text(from) + ":" +
-             message->GetString());
-        return true;
-    }
-    bool IfMessageReplied(const char* from, const TCMessage* message) override
-    {
-        Note("reply " + Text(from) + ":" + message->GetString());
-        return true;
-    }
-
-private:
-    std::mutex m_Mutex;
-    std::string m_Seen;
-};
-
-using Server = Hooks<>;
-using TaskServer = Hooks<TCTask>;
-
-TCMessage Message(const std::string& text, unsigned int bufferSize = 0)
-{
-    TCMessage message;
-    message.SetMessage(text);
-    const std::vector<unsigned char> bytes(bufferSize, 'b');
-    message.SetBuffer(bytes.data(), bufferSize);
-    return message;
-}
 
 // A client of the bus that does not know the library.
 class RawPeer
@@ -182,35 +59,6 @@ public:
 
 private:
     GDBusConnection* m_Connection;
-};
-
-// A service in a process of its own that does not know the library.
-class ForeignService
-{
-public:
-    ForeignService(const char* busName, const char* mode)
-        : m_Process(g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, FOREIGN_PEER, busName, mode,
-                                     nullptr))
-    {}
-    ~ForeignService()
-    {
-        g_subprocess_force_exit(m_Process);
-        g_subprocess_wait(m_Process, nullptr, nullptr);
-        g_object_unref(m_Process);
-    }
-    ForeignService(const ForeignService&) = delete;
-    ForeignService& operator=(const ForeignService&) = delete;
-
-private:
-    GSubprocess* m_Process;
-};
-
-class BusTest : public testing::Test
-{
-protected:
-    void SetUp() override { ForgetLog(); }
-
-    Dispatcher dispatcher;
 };
 
 constexpr char kErrorReply[] = "('', uint32 0, '', '{\"dbus_result\":\"fail\",\"errmsg\":\"error "
@@ -567,6 +415,41 @@ TEST_F(BusTest, ServerDestroyedWhileOpenIsNotLookedAt)
     EXPECT_EQ(CountLog(kError, "Couldn't find  dbus server, subscribe fail"), 1);
 }
 
+TEST_F(BusTest, ServersComeAndGoWhileOthersTalkToThem)
+{
+    Server app("app");
+    ASSERT_TRUE(app.CreateDBusServer());
+    std::atomic<bool> over{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&, t] {
+            const TCMessage message = Message("{\"n\":1}", t == 0 ? 5 : 0);
+            TCMessage reply;
+            for (int i = 0; !over; ++i) {
+                app.SendMessage("act", &message, i % 2 == 0, i % 3 == 0 ? nullptr : &reply);
+                app.SendSignal("signal", &message);
+                app.IsServiceAvailable("act"); // in step with the bus, which queues without bound
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        TaskServer act("act", TCServer::SERVER_TYPE_ACTIVITY, "act");
+        act.transferTo = &act;
+        ASSERT_TRUE(act.CreateDBusServer() && act.Create("act"));
+        EXPECT_TRUE(act.SubscribeSignal("app", "signal", nullptr, nullptr));
+        Await([&] { return !act.Seen().empty(); });
+        act.CloseDBusServer();
+        act.AwaitHooks();
+        act.Destroy();
+    }
+    over = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(app.m_SendingCount, 0U);
+}
+
+// The last one: there is no bus after it.
 TEST_F(BusTest, ProcessOutlivesItsBus)
 {
     Server app("app");
@@ -603,38 +486,4 @@ TEST_F(BusTest, ProcessOutlivesItsBus)
     g_subprocess_force_exit(again); // by GLib's worker thread, which ends with the process
     g_subprocess_wait(again, nullptr, nullptr);
     g_object_unref(again);
-}
-
-TEST_F(BusTest, ServersComeAndGoWhileOthersTalkToThem)
-{
-    Server app("app");
-    ASSERT_TRUE(app.CreateDBusServer());
-    std::atomic<bool> over{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-        threads.emplace_back([&, t] {
-            const TCMessage message = Message("{\"n\":1}", t == 0 ? 5 : 0);
-            TCMessage reply;
-            for (int i = 0; !over; ++i) {
-                app.SendMessage("act", &message, i % 2 == 0, i % 3 == 0 ? nullptr : &reply);
-                app.SendSignal("signal", &message);
-                app.IsServiceAvailable("act"); // in step with the bus, which queues without bound
-            }
-        });
-    }
-    for (int i = 0; i < 100; ++i) {
-        TaskServer act("act", TCServer::SERVER_TYPE_ACTIVITY, "act");
-        act.transferTo = &act;
-        ASSERT_TRUE(act.CreateDBusServer() && act.Create("act"));
-        EXPECT_TRUE(act.SubscribeSignal("app", "signal", nullptr, nullptr));
-        Await([&] { return !act.Seen().empty(); });
-        act.CloseDBusServer();
-        act.AwaitHooks();
-        act.Destroy();
-    }
-    over = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(app.m_SendingCount, 0U);
 }

@@ -1,0 +1,70 @@
+# sennet_install_service(TARGET <target> NAME <service name> USER <user> [GROUP <group>]
+#                        [DESCRIPTION <text>])
+#
+# Installs the program of a service that starts with its first message:
+#   <bin>/<program>                                           the target
+#   <share>/dbus-1/system.d/<bus name>.conf                   who may own its names, and send to it
+#   <share>/dbus-1/system-services/<bus name>.service         how the bus starts it
+#   <prefix>/lib/systemd/system/<service name>.service        how systemd runs it
+#
+# NAME is the name that the program gives to its TCServer. USER runs the program, and alone may own
+# its bus name and those of its activities, which are all names below the service name. Without a
+# GROUP everybody may send to it. The system bus reads the first of the three files below the
+# prefix /usr only.
+set(SENNET_SERVICE_TEMPLATES ${CMAKE_CURRENT_LIST_DIR}/service)
+
+# The name as the library makes it legal, and the bus name that comes of it.
+function(_sennet_service_names name service_out bus_out)
+  string(REGEX REPLACE "[^A-Za-z0-9._]" "_" service "${name}")
+  set(bus ${service}.message)
+  string(LENGTH "${bus}" length)
+  if(length GREATER 255 OR NOT bus MATCHES "^[A-Za-z_][A-Za-z0-9_]*([.][A-Za-z_][A-Za-z0-9_]*)+$")
+    message(FATAL_ERROR "sennet_install_service: \"${bus}\" is not a bus name")
+  endif()
+  set(${service_out} ${service} PARENT_SCOPE)
+  set(${bus_out} ${bus} PARENT_SCOPE)
+endfunction()
+
+function(sennet_install_service)
+  cmake_parse_arguments(PARSE_ARGV 0 arg "" "TARGET;NAME;USER;GROUP;DESCRIPTION" "")
+  foreach(required TARGET NAME USER)
+    if(NOT arg_${required})
+      message(FATAL_ERROR "sennet_install_service: ${required} is missing")
+    endif()
+  endforeach()
+  if(arg_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "sennet_install_service: unknown arguments: ${arg_UNPARSED_ARGUMENTS}")
+  endif()
+  foreach(account USER GROUP)
+    if(arg_${account} AND NOT arg_${account} MATCHES "^[A-Za-z0-9_][A-Za-z0-9_.-]*$")
+      message(FATAL_ERROR "sennet_install_service: ${account} is not the name of an account")
+    endif()
+  endforeach()
+  _sennet_service_names("${arg_NAME}" service bus)
+  if(NOT arg_DESCRIPTION)
+    set(arg_DESCRIPTION "${service}")
+  endif()
+  string(REPLACE "%" "%%" description "${arg_DESCRIPTION}")
+  set(senders "context=\"default\"")
+  if(arg_GROUP)
+    set(senders "group=\"${arg_GROUP}\"")
+  endif()
+  include(GNUInstallDirs)
+  # Where the program is, is known when it is installed: the second round fills these in.
+  cmake_path(APPEND exec "@CMAKE_INSTALL_PREFIX@" "${CMAKE_INSTALL_BINDIR}" "@program@")
+
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/sennet-services)
+  set(system_dir ${CMAKE_INSTALL_DATADIR}/dbus-1)
+  configure_file(${SENNET_SERVICE_TEMPLATES}/policy.conf.in ${out}/${bus}.conf @ONLY)
+  configure_file(${SENNET_SERVICE_TEMPLATES}/activation.service.in ${out}/${bus}.service.in @ONLY)
+  configure_file(${SENNET_SERVICE_TEMPLATES}/unit.service.in ${out}/${service}.service.in @ONLY)
+  install(TARGETS ${arg_TARGET} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(CODE "
+    set(program $<TARGET_FILE_NAME:${arg_TARGET}>)
+    foreach(file IN ITEMS \"${out}/${bus}.service\" \"${out}/${service}.service\")
+      configure_file(\"\${file}.in\" \"\${file}\" @ONLY)
+    endforeach()")
+  install(FILES ${out}/${bus}.conf DESTINATION ${system_dir}/system.d)
+  install(FILES ${out}/${bus}.service DESTINATION ${system_dir}/system-services)
+  install(FILES ${out}/${service}.service DESTINATION lib/systemd/system)
+endfunction()

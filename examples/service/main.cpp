@@ -1,0 +1,75 @@
+// A service that the bus starts with the first message: counts what is in stock, and tells
+// everybody of each change. {"item": "bolt", "add": 5} is answered by {"count": 5}.
+#include <map>
+#include <memory>
+#include <string>
+
+#include <glib-unix.h>
+#include <sennet.h>
+
+using namespace Velmora;
+
+namespace {
+
+class Stock : public TCServer, public TCTask
+{
+public:
+    Stock() : TCServer("example.stock", SERVER_TYPE_SERVICE), TCTask("stock") {}
+
+    ~Stock() override
+    {
+        CloseDBusServer(); // 1. nothing new arrives
+        AwaitHooks();      // 2. no hook runs on another thread, and none starts
+        TCTask::Destroy(); // 3. what is still queued gets the error reply
+    }
+
+protected:
+    // The bus thread hands every message over to the task.
+    bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
+                           TCEventIO*& target) override
+    {
+        target = this;
+        return true;
+    }
+
+    // On the task's thread: the counts need no lock.
+    bool IfMessageReceived(const char* /*from*/, const TCMessage* message, TCMessage* reply,
+                           const char* /*signalName*/) override
+    {
+        const Json::Value& json = message->m_Json;
+        if (!json.isObject() || !json["item"].isString() || !json["add"].isInt()) {
+            reply->m_Json["error"] = "an item and a number to add are missing";
+            return true;
+        }
+        Json::Int64& count = m_Counts[json["item"].asString()];
+        count += json["add"].asInt();
+        reply->m_Json["count"] = count;
+        SendSignal("changed", message);
+        return true;
+    }
+
+private:
+    std::map<std::string, Json::Int64> m_Counts;
+};
+
+gboolean Quit(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
+} // namespace
+
+int main()
+{
+    SetAppName("stock");
+    const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
+        g_main_loop_new(nullptr, FALSE), &g_main_loop_unref);
+    g_unix_signal_add(SIGTERM, &Quit, loop.get());
+    Stock stock;
+    if (!stock.Create("stock") || !stock.CreateDBusServer()) {
+        return 1;
+    }
+    g_main_loop_run(loop.get());
+    return 0;
+}
