@@ -70,9 +70,9 @@ public:
     static unsigned long GetTickCount();
 
 private:
-    static gboolean m_GSourceFunc(void* alarm);
-    void m_StartTimer();
-    void m_StopTimer();
+    [[gnu::visibility("hidden")]] static gboolean m_GSourceFunc(void* alarm);
+    [[gnu::visibility("hidden")]] void m_StartTimer();
+    [[gnu::visibility("hidden")]] void m_StopTimer();
 
     TCAlarmCallback m_Callback = nullptr;
     void* m_UserData = nullptr;

@@ -267,16 +267,16 @@ protected:
     int m_PipeFileDes[2] = {-1, -1};
 
 private:
-    static TCEventIO* m_FindQueue(const TCEvent* event);
-    bool m_Report(PostResult result) const;
-    bool m_OpenPipe();
-    bool m_AttachWatch();
-    void m_ReleaseWatch();
-    bool m_HasRoomForSure();
-    PostResult m_WriteByte();
-    void m_PutBack(TCEvent * byPointer);
-    bool m_AwaitHandler(const TCEvent* event, TCSemaphore& handled);
-    void m_ClearEntries();
+    [[gnu::visibility("hidden")]] static TCEventIO* m_FindQueue(const TCEvent* event);
+    [[gnu::visibility("hidden")]] bool m_Report(PostResult result) const;
+    [[gnu::visibility("hidden")]] bool m_OpenPipe();
+    [[gnu::visibility("hidden")]] bool m_AttachWatch();
+    [[gnu::visibility("hidden")]] void m_ReleaseWatch();
+    [[gnu::visibility("hidden")]] bool m_HasRoomForSure();
+    [[gnu::visibility("hidden")]] PostResult m_WriteByte();
+    [[gnu::visibility("hidden")]] void m_PutBack(TCEvent * byPointer);
+    [[gnu::visibility("hidden")]] bool m_AwaitHandler(const TCEvent* event, TCSemaphore& handled);
+    [[gnu::visibility("hidden")]] void m_ClearEntries();
 
     bool m_PipeOpen = false;                   ///< of Init(), Final() and the destructor
     std::atomic<unsigned int> m_EntryCount{0}; ///< size of the list, for readers without the lock

@@ -62,9 +62,9 @@ private:
     friend class TCMutex;
     friend void Internal::AnswerSyncPair(void* pair);
 
-    bool m_WaitOnce(unsigned long timeout);
-    bool m_AddOne();
-    void m_GiveKept();
+    [[gnu::visibility("hidden")]] bool m_WaitOnce(unsigned long timeout);
+    [[gnu::visibility("hidden")]] bool m_AddOne();
+    [[gnu::visibility("hidden")]] void m_GiveKept();
 
     int m_Count;                    ///< guarded by *m_EventMutex
     GMutex* m_EventMutex = nullptr; ///< owned; null while not created

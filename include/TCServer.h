@@ -246,28 +246,34 @@ protected:
     TCServerSignalManager m_SignalManager;
 
 private:
-    class SendGate;
-    class MovedCall;
-    struct PendingReply;
+    class [[gnu::visibility("hidden")]] SendGate;
+    class [[gnu::visibility("hidden")]] MovedCall;
+    struct [[gnu::visibility("hidden")]] PendingReply;
 
-    static Internal::HookScope m_EnterEntry(const std::string& name, TCServer* entry);
-    static Internal::HookScope m_EnterServer(const char* source, std::string* busName);
-    static Internal::HookScope m_RequireServer(const char* source);
+    [[gnu::visibility("hidden")]] static Internal::HookScope m_EnterEntry(const std::string& name,
+                                                                          TCServer* entry);
+    [[gnu::visibility("hidden")]] static Internal::HookScope m_EnterServer(const char* source,
+                                                                           std::string* busName);
+    [[gnu::visibility("hidden")]] static Internal::HookScope m_RequireServer(const char* source);
 
-    bool m_IsConnected() const;
-    bool m_Open(GDBusConnection * connection);
-    static std::string m_FindService();
-    bool m_CheckNames(std::string & owner, bool enter);
-    bool m_FormBusName();
-    bool m_OwnName(GDBusConnection * connection);
-    bool m_ExportObject(GDBusConnection * connection);
-    void m_AwaitSends();
-    void m_ReleaseBus();
-    static void m_MoveCall(TCEventIO & target, const std::shared_ptr<MovedCall>& call);
-    bool m_SendDirect(TCServer & target, const TCMessage* message, TCMessage* reply) const;
-    bool m_SendAsEvent(TCServer & target, const char* dest, const TCMessage* message) const;
-    bool m_SendOverBus(const char* dest, std::string target, const TCMessage* message, bool sync,
-                       TCMessage* reply, int timeout);
+    [[gnu::visibility("hidden")]] bool m_IsConnected() const;
+    [[gnu::visibility("hidden")]] bool m_Open(GDBusConnection * connection);
+    [[gnu::visibility("hidden")]] static std::string m_FindService();
+    [[gnu::visibility("hidden")]] bool m_CheckNames(std::string & owner, bool enter);
+    [[gnu::visibility("hidden")]] bool m_FormBusName();
+    [[gnu::visibility("hidden")]] bool m_OwnName(GDBusConnection * connection);
+    [[gnu::visibility("hidden")]] bool m_ExportObject(GDBusConnection * connection);
+    [[gnu::visibility("hidden")]] void m_AwaitSends();
+    [[gnu::visibility("hidden")]] void m_ReleaseBus();
+    [[gnu::visibility("hidden")]] static void m_MoveCall(TCEventIO & target,
+                                                         const std::shared_ptr<MovedCall>& call);
+    [[gnu::visibility("hidden")]] bool m_SendDirect(TCServer & target, const TCMessage* message,
+                                                    TCMessage* reply) const;
+    [[gnu::visibility("hidden")]] bool m_SendAsEvent(TCServer & target, const char* dest,
+                                                     const TCMessage* message) const;
+    [[gnu::visibility("hidden")]] bool m_SendOverBus(const char* dest, std::string target,
+                                                     const TCMessage* message, bool sync,
+                                                     TCMessage* reply, int timeout);
 
     std::mutex m_SendsMutex;              ///< only for the wait on m_SendingCount
     std::condition_variable m_SendsEnded; ///< m_SendingCount has fallen to 0

@@ -85,12 +85,12 @@ protected:
     std::atomic<GMainLoop*> m_TaskLoop{nullptr}; ///< owned; released under #m_StateMutex
 
 private:
-    class FailedSetupMark;
+    class [[gnu::visibility("hidden")]] FailedSetupMark;
 
-    void m_DropFailedSetup();
-    void m_SetSettingUp(bool settingUp);
-    GMainContext* m_RefContextAfterSetup();
-    static gboolean m_InsistOnExit(gpointer task);
+    [[gnu::visibility("hidden")]] void m_DropFailedSetup();
+    [[gnu::visibility("hidden")]] void m_SetSettingUp(bool settingUp);
+    [[gnu::visibility("hidden")]] GMainContext* m_RefContextAfterSetup();
+    [[gnu::visibility("hidden")]] static gboolean m_InsistOnExit(gpointer task);
 
     std::mutex m_DestroyMutex; ///< one Destroy() at a time, and none while the thread is started
     std::mutex m_StateMutex;   ///< guards m_SettingUp, and the loop and context for Destroy()

@@ -74,7 +74,7 @@ TEST_F(LimitsTest, MessageTooLargeForTheBusCostsTheConnectionAndNoMore)
     EXPECT_FALSE(proxy.SendMessage("elsewhere", &tooLarge, true, &reply));
     EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(*"), 1);
     Await([&] { return !app.SendSignal("signal", nullptr); });
-    EXPECT_EQ(CountLog(kError, "dbus connection is not open"), 1);
+    EXPECT_GE(CountLog(kError, "dbus connection is not open"), 1);
     EXPECT_FALSE(proxy.SendMessage("elsewhere", &message, true, &reply));
     Await([&] { // until GDBus has let go of the lost connection
         app.CloseDBusServer();
