@@ -56,8 +56,8 @@ public:
     /// @return true if the payload is JSON
     bool Parse();
 
-    /// Replaces the text by #m_Json written on one line without blanks. Does nothing if #m_Json is
-    /// empty.
+    /// Replaces the text by #m_Json written on one line without blanks and comments. Does nothing
+    /// if #m_Json is empty.
     void Generate();
 
     /// Replaces the text, empties #m_Json and parses the text.

@@ -45,6 +45,8 @@ public:
         m_Stream.exceptions(std::ios_base::badbit);
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "";
+        // The reader keeps comments, and on one line a "//" would swallow what follows it.
+        builder["commentStyle"] = "None";
         m_Writer.reset(builder.newStreamWriter());
     }
 

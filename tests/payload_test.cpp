@@ -20,6 +20,7 @@ TEST(Data, TellsJsonFromText)
         {"{}", true, "{}"},
         {" [ ] ", true, " [ ] "},
         {"12 monkeys", true, "12"},
+        {"// c\n{\"a\":1 /* d */}", true, R"({"a":1})"},
         {"\"quoted\"", true, "\"quoted\""},
         {std::string("\"a\0b\"", 5), true, "\"a\\u0000b\""},
         {deep, false, deep},
