@@ -8,8 +8,8 @@
 #   <prefix>/lib/systemd/system/<service name>.service        how systemd runs it
 #
 # NAME is the name that the program gives to its TCServer. USER runs the program, and alone may own
-# its bus name and those of its activities, which are all names below the service name. Without a
-# GROUP everybody may send to it. The system bus reads the first of the three files below the
+# its bus name and those of its activities, which are all names below the service name. With a GROUP
+# only its members may send to it, without one everybody. The system bus reads policies below the
 # prefix /usr only.
 set(SENNET_SERVICE_TEMPLATES ${CMAKE_CURRENT_LIST_DIR}/service)
 
