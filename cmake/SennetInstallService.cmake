@@ -8,10 +8,9 @@
 #   <prefix>/lib/systemd/system/<service name>.service        how systemd runs it
 #
 # NAME is the name that the program gives to its TCServer. USER runs the program, and alone may own
-# its bus name and those of its activities, which are all names below the service name. Without a
-# GROUP everybody may send to it. The system bus reads the first of the three files below the
+# its bus name and those of its activities, which are all names below the service name. With a GROUP
+# only its members may send to it, without one everybody. The system bus reads policies below the
 # prefix /usr only.
-set(SENNET_SERVICE_TEMPLATES ${CMAKE_CURRENT_LIST_DIR}/service)
 
 # The name as the library makes it legal, and the bus name that comes of it.
 function(_sennet_service_names name service_out bus_out)
@@ -28,7 +27,7 @@ endfunction()
 function(sennet_install_service)
   cmake_parse_arguments(PARSE_ARGV 0 arg "" "TARGET;NAME;USER;GROUP;DESCRIPTION" "")
   foreach(required TARGET NAME USER)
-    if(NOT arg_${required})
+    if("${arg_${required}}" STREQUAL "")
       message(FATAL_ERROR "sennet_install_service: ${required} is missing")
     endif()
   endforeach()
@@ -53,11 +52,12 @@ function(sennet_install_service)
   # Where the program is, is known when it is installed: the second round fills these in.
   cmake_path(APPEND exec "@CMAKE_INSTALL_PREFIX@" "${CMAKE_INSTALL_BINDIR}" "@program@")
 
+  set(templates ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/service)
   set(out ${CMAKE_CURRENT_BINARY_DIR}/sennet-services)
   set(system_dir ${CMAKE_INSTALL_DATADIR}/dbus-1)
-  configure_file(${SENNET_SERVICE_TEMPLATES}/policy.conf.in ${out}/${bus}.conf @ONLY)
-  configure_file(${SENNET_SERVICE_TEMPLATES}/activation.service.in ${out}/${bus}.service.in @ONLY)
-  configure_file(${SENNET_SERVICE_TEMPLATES}/unit.service.in ${out}/${service}.service.in @ONLY)
+  configure_file(${templates}/policy.conf.in ${out}/${bus}.conf @ONLY)
+  configure_file(${templates}/activation.service.in ${out}/${bus}.service.in @ONLY)
+  configure_file(${templates}/unit.service.in ${out}/${service}.service.in @ONLY)
   install(TARGETS ${arg_TARGET} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(CODE "
     set(program $<TARGET_FILE_NAME:${arg_TARGET}>)

@@ -261,6 +261,7 @@ private:
     [[gnu::visibility("hidden")]] static std::string m_FindService();
     [[gnu::visibility("hidden")]] bool m_CheckNames(std::string & owner, bool enter);
     [[gnu::visibility("hidden")]] bool m_FormBusName();
+    [[gnu::visibility("hidden")]] bool m_OwnNameAndExport(GDBusConnection * connection);
     [[gnu::visibility("hidden")]] bool m_OwnName(GDBusConnection * connection);
     [[gnu::visibility("hidden")]] bool m_ExportObject(GDBusConnection * connection);
     [[gnu::visibility("hidden")]] void m_AwaitSends();

@@ -6,6 +6,7 @@
 
 #include "BusBody.h"
 #include "GLibPtr.h"
+#include "HeldInput.h"
 #include "LiveServers.h"
 #include "MutexGuard.h"
 
@@ -240,10 +241,12 @@ bool TCServer::m_Open(GDBusConnection* connection)
         return true;
     case SERVER_TYPE_SERVICE:
     case SERVER_TYPE_ACTIVITY:
+        if (!m_FormBusName() || !m_OwnNameAndExport(connection)) {
+            return false;
+        }
         // Another create may have taken the service name since it was first looked at.
         std::string owner;
-        return m_FormBusName() && m_OwnName(connection) && m_ExportObject(connection) &&
-               m_CheckNames(owner, true);
+        return m_CheckNames(owner, true);
     }
     const std::lock_guard<std::mutex> lock(RegistryMutex());
     m_CreatedDbusServers[m_ServiceName] = this;
@@ -304,6 +307,12 @@ bool TCServer::m_FormBusName()
         VELMORA_LOGW("original name has illegal character, format to %s", m_DBusName.c_str());
     }
     return true;
+}
+
+bool TCServer::m_OwnNameAndExport(GDBusConnection* connection)
+{
+    const HeldInput held(connection);
+    return m_OwnName(connection) && m_ExportObject(connection);
 }
 
 bool TCServer::m_OwnName(GDBusConnection* connection)

@@ -11,6 +11,7 @@ namespace {
 
 std::mutex g_Mutex;
 std::vector<LogLine> g_Lines;
+std::function<void(const std::string&)> g_OnLog;
 
 } // namespace
 
@@ -22,8 +23,15 @@ extern "C" int __dlog_print(int log_id, int priority, const char* tag, const cha
     va_start(arguments, format);
     const int size = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    const std::lock_guard<std::mutex> lock(g_Mutex);
-    g_Lines.push_back({log_id, priority, tag, format, text});
+    std::function<void(const std::string&)> onLog;
+    {
+        const std::lock_guard<std::mutex> lock(g_Mutex);
+        g_Lines.push_back({log_id, priority, tag, format, text});
+        onLog = g_OnLog;
+    }
+    if (onLog) {
+        onLog(text);
+    }
     return size;
 }
 
@@ -31,6 +39,12 @@ void ForgetLog()
 {
     const std::lock_guard<std::mutex> lock(g_Mutex);
     g_Lines.clear();
+}
+
+void OnLog(std::function<void(const std::string&)> function)
+{
+    const std::lock_guard<std::mutex> lock(g_Mutex);
+    g_OnLog = std::move(function);
 }
 
 std::vector<LogLine> Log()

@@ -305,6 +305,29 @@ TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
     }
 }
 
+TEST_F(BusTest, CallBetweenTheNameAndTheObjectWaits)
+{
+    Server app("app");
+    RawPeer peer;
+    std::future<std::string> answer;
+    OnLog([&](const std::string& line) {
+        if (line.find("Register Obj Path(/app") == std::string::npos) {
+            return;
+        }
+        answer = std::async(std::launch::async, [&] {
+            std::string said;
+            do {
+                said = peer.Call("app.message", "SendMessage", "('me', uint32 0, '', 'x')");
+            } while (said.find("ServiceUnknown") != std::string::npos);
+            return said;
+        });
+        answer.wait_for(std::chrono::milliseconds(50)); // an error would have come
+    });
+    ASSERT_TRUE(app.CreateDBusServer());
+    OnLog(nullptr);
+    EXPECT_EQ(answer.get(), "('app', uint32 0, '', 'x', [(byte 0x00,)])");
+}
+
 TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
 {
     Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
