@@ -23,6 +23,7 @@ namespace {
 using namespace Velmora;
 
 constexpr char kService[] = "soak.service";
+constexpr char kRival[] = "soak.rival";
 constexpr char kTick[] = "tick";
 constexpr char kTock[] = "tock";
 constexpr int kOutstanding = 32; // replies: a bus allows 128 a connection
@@ -132,12 +133,6 @@ public:
     explicit Client(const std::string& name) : TCServer(name, SERVER_TYPE_PROXY) {}
     ~Client() override
     {
-        for (auto& thread : m_Threads) {
-            thread.join();
-        }
-        if (!m_Outstanding.AwaitAtMost(0)) {
-            ++g_Counts.lost;
-        }
         CloseDBusProxy();
         AwaitHooks();
     }
@@ -157,6 +152,15 @@ public:
             });
         }
         return true;
+    }
+
+    // While the main loop still runs, which brings the replies.
+    void Finish()
+    {
+        for (auto& thread : m_Threads) {
+            thread.join();
+        }
+        g_Counts.lost += m_Outstanding.AwaitAtMost(0) ? 0 : 1;
     }
 
 protected:
@@ -201,6 +205,9 @@ private:
             kService, kTock, [](auto...) {}, nullptr);
         g_usleep(20000);
         UnSubscribeSignal(kService, kTock);
+        const TCMessage message = Message(1);
+        TCMessage answer;
+        SendMessage(kRival, &message, true, &answer, 500); // whoever has the name, if anyone
     }
     static void Follow(const char* /*from*/, const char* /*signal*/, TCMessage* message, void* self)
     {
@@ -275,6 +282,19 @@ private:
     Tally m_Expected;
 };
 
+// Takes its name from a process that does the same, and loses it again.
+void BeRival()
+{
+    TCServer rival(kRival, TCServer::SERVER_TYPE_SERVICE);
+    if (rival.CreateDBusServer()) {
+        rival.SendSignal(kTock, nullptr);
+        rival.IsServiceAvailable(kRival);
+    } else {
+        ++g_Counts.refused;
+    }
+    rival.CloseDBusServer();
+}
+
 std::ptrdiff_t Entries(const char* folder)
 {
     const std::filesystem::directory_iterator all(folder);
@@ -288,11 +308,11 @@ long Memory()
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Reports on demand while the main loop runs, and ends it.
-int RunLoop()
+// Reports on demand while the main loop runs; then has the work finished and ends the loop.
+int RunLoop(const std::function<void()>& finish)
 {
     GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
-    std::thread reporter([loop] {
+    std::thread reporter([loop, &finish] {
         for (std::string line; std::getline(std::cin, line);) {
             std::printf("%llu %llu %llu %ld %td %td\n",
                         static_cast<unsigned long long>(g_Counts.sent),
@@ -302,6 +322,7 @@ int RunLoop()
             std::fflush(stdout);
         }
         g_Over = true;
+        finish();
         g_idle_add( // and not from here: a quit before the loop runs would be lost
             [](gpointer running) -> gboolean {
                 g_main_loop_quit(static_cast<GMainLoop*>(running));
@@ -323,21 +344,23 @@ int RunRole(const char* name)
     SetAppName(name);
     if (role == "service") {
         Service service;
-        return service.Start() ? RunLoop() : 2;
+        return service.Start() ? RunLoop([] {}) : 2;
     }
     if (role == "client") {
         Client client("soak.client");
-        return client.Start() ? RunLoop() : 2;
+        return client.Start() ? RunLoop([&client] { client.Finish(); }) : 2;
     }
-    if (role == "mayflies") {
-        std::thread breeder([] {
+    if (role == "mayflies" || role == "rivals") {
+        std::thread breeder([&role] {
             for (unsigned int i = 0; !g_Over; ++i) {
-                Mayfly("mayfly" + std::to_string(i % 7)).Live();
+                if (role == "rivals") {
+                    BeRival();
+                } else {
+                    Mayfly("mayfly" + std::to_string(i % 7)).Live();
+                }
             }
         });
-        const int code = RunLoop();
-        breeder.join();
-        return code;
+        return RunLoop([&breeder] { breeder.join(); });
     }
     return 2;
 }

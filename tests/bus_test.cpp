@@ -418,7 +418,8 @@ TEST_F(BusTest, ServerDestroyedWhileOpenIsNotLookedAt)
 {
     TCEvent event;
     {
-        TCServer lost("lost", TCServer::SERVER_TYPE_SERVICE); // its client forgot the close
+        // Its client forgot the close; the kind that takes nothing but its entry.
+        TCServer lost("lost", static_cast<TCServer::TCServerType>(3));
         ASSERT_TRUE(lost.CreateDBusServer());
         event.data.m_Json["dest"] = "lost";
     }
