@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include "sennet.h"
@@ -303,6 +304,7 @@ std::ptrdiff_t Entries(const char* folder)
 
 long Memory()
 {
+    malloc_trim(0); // what was freed is no growth
     long size = 0, resident = 0;
     std::ifstream("/proc/self/statm") >> size >> resident;
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
