@@ -56,7 +56,9 @@ class [[gnu::visibility("default")]] TCEvent
 {
 public:
     TCEvent() = default;
+    /// Copies both payloads and the pointer.
     TCEvent(const TCEvent& other) = default;
+    /// The same.
     TCEvent& operator=(const TCEvent& other) = default;
     /// Takes the payloads over; the source may only be assigned to or destroyed afterwards.
     TCEvent& operator=(TCEvent&& other) noexcept = default;
@@ -129,6 +131,7 @@ public:
     /// @return false ends the set-up of the task
     virtual bool Init(GMainLoop * loop) = 0;
 
+    /// Ends the work of Init(); on the loop's thread, or after the loop has stopped.
     virtual void Final() = 0;
 
 protected:
@@ -246,6 +249,7 @@ protected:
     /// Releases `param.p` of the library's ids; EVENT_CLEAR_QUEUE sweeps the queue.
     void t_Clear(TCEvent * event) override;
 
+    /// @cond internal
     enum class PostResult { Queued, NotCreated, PipeFull, WriteFailed };
 
     /// Links the node's entry at one end of the list, with its byte, or does nothing.
@@ -255,6 +259,7 @@ protected:
     bool m_Get(TCEvent * event, TCEvent * *byPointer, unsigned long timeout);
     int m_DeleteEvent(const TCHandler* handler, bool compareIds, unsigned long id);
     static gboolean m_InterIOWatch(GIOChannel * channel, GIOCondition condition, gpointer data);
+    /// @endcond
 
     TCMutex m_QueueMutex; ///< guards the list, the created flag and the write end of the pipe
     std::string m_Name;   ///< constant
@@ -263,7 +268,7 @@ protected:
     std::atomic<GMainLoop*> m_MainLoop{nullptr}; ///< not owned
     GSource* m_Source = nullptr;     ///< one reference; of Init(), then of the loop's thread
     GIOChannel* m_Channel = nullptr; ///< during Init() only
-    /// Read end, write end; the numbers outlive the descriptors, see #m_PipeOpen.
+    /// Read end, write end; the numbers outlive the descriptors.
     int m_PipeFileDes[2] = {-1, -1};
 
 private:
@@ -287,11 +292,11 @@ private:
     std::uint64_t m_PipeSize = 0; ///< the kernel's answer, asked for by long runs; under the lock
 };
 
-/// @copydoc TCEventIO::SendEvent
+/// @copydoc Velmora::TCEventIO::SendEvent
 bool SendEvent(TCEvent* event);
-/// @copydoc TCEventIO::SendUrgentEvent
+/// @copydoc Velmora::TCEventIO::SendUrgentEvent
 bool SendUrgentEvent(TCEvent* event);
-/// @copydoc TCEventIO::SendSyncEvent
+/// @copydoc Velmora::TCEventIO::SendSyncEvent
 bool SendSyncEvent(TCEvent* event);
 
 } // namespace Velmora

@@ -71,6 +71,7 @@ constexpr std::size_t BaseNameOffset(const char* path)
     (&__FILE__[std::integral_constant<std::size_t,                                                 \
                                       ::Velmora::Detail::BaseNameOffset(__FILE__)>::value])
 
+/// @cond internal
 // The body and its arguments arrive as one list. HEAD takes the body off it, to stand in the middle
 // of the format; TAIL gives ", arguments", or nothing for a body alone. Up to 14 arguments.
 #define VELMORA_LOG_HEAD(body, ...) body
@@ -93,6 +94,7 @@ constexpr std::size_t BaseNameOffset(const char* path)
                  "%s: %s(%d) > \033[" colour "m [%s]" VELMORA_LOG_HEAD(__VA_ARGS__, ) "\033[0m\n", \
                  VELMORA_LOG_FILE, __func__, __LINE__,                                             \
                  ::Velmora::GetProjectName() VELMORA_LOG_TAIL(__VA_ARGS__))
+/// @endcond
 
 /// Writes one line: a printf format as a string literal, then its arguments. The line carries the
 /// source file, the function, the source line and the application name before the body. The body

@@ -61,6 +61,7 @@ class HookScope;
 class [[gnu::visibility("default")]] TCServer
 {
 public:
+    /// The kinds of server.
     enum TCServerType : std::uint32_t {
         SERVER_TYPE_SERVICE = 0, ///< the service of the process; at most one is open
         SERVER_TYPE_ACTIVITY,    ///< a sub-service of the process; any number
@@ -170,12 +171,15 @@ public:
     /// UnSubscribeSignal() of the server of this process with the service name `source`.
     static bool UnSubscribeSignal(const char* source, const char* from, const char* signal);
 
-    /// Key signals do not exist; these answer false.
+    /// Answers false: key signals do not exist.
     bool SubscribeKeySignal(const char* name, const char* key, TCSignalCallback callback,
                             void* userData);
+    /// Answers false.
     static bool SubscribeKeySignal(const char* source, const char* name, const char* key,
                                    TCSignalCallback callback, void* userData);
+    /// Answers false.
     bool UnSubscribeKeySignal(const char* name, const char* key);
+    /// Answers false.
     static bool UnSubscribeKeySignal(const char* source, const char* name, const char* key);
 
     /// @return the open server of this process with that service name, which lives as long as the
@@ -195,6 +199,7 @@ public:
 
 protected:
     /// For subclasses: says where an inbound call is handled. Runs on the bus dispatch thread.
+    /// @param from,message as in IfMessageReceived()
     /// @param target
     ///        set it to a queue and return true to have IfMessageReceived() run on the thread of
     ///        that queue's loop. The queue lives until this hook's server is closed and has had
@@ -203,6 +208,7 @@ protected:
 
     /// For subclasses: handles a message or a signal. Arguments live for the length of the call.
     /// @param from the sender's service name by its own claim; null for a body of unknown shape
+    /// @param message what the sender has sent
     /// @param reply to be filled; its content is the answer. Thrown away for a signal.
     /// @param signalName null for a message, the name for a signal that has no callback
     /// @return not looked at
@@ -213,6 +219,7 @@ protected:
     /// with neither text, type nor buffer, nor for a call that failed.
     virtual bool IfMessageReplied(const char* from, const TCMessage* message);
 
+    /// @cond internal
     static void m_OnNameAcquired(GDBusConnection * connection, const char* name, void* userData);
     static void m_OnNameLost(GDBusConnection * connection, const char* name, void* userData);
     static void m_DObjectHandler(GDBusConnection * connection, const char* sender, const char* path,
@@ -244,6 +251,7 @@ protected:
     TCMutex m_ServerMutex; ///< held by create, close and subscriptions; by a send to be counted
     std::atomic<unsigned int> m_SendingCount{0}; ///< sends between their gate and their end
     TCServerSignalManager m_SignalManager;
+    /// @endcond
 
 private:
     class [[gnu::visibility("hidden")]] SendGate;
@@ -280,20 +288,20 @@ private:
     std::condition_variable m_SendsEnded; ///< m_SendingCount has fallen to 0
 };
 
-/// @copydoc TCServer::SendMessage(const char*,const char*,const TCMessage*,bool,TCMessage*)
+/// TCServer::SendMessage() of the server of this process with the service name `server`.
 bool SendMessage(const char* server, const char* dest, const TCMessage* message, bool sync,
                  TCMessage* reply);
-/// @copydoc TCServer::SendSignal(const char*,const char*,const TCMessage*)
+/// TCServer::SendSignal() of the server of this process with the service name `source`.
 bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
-/// @copydoc TCServer::SubscribeSignal(const char*,const char*,const char*,TCSignalCallback,void*)
+/// TCServer::SubscribeSignal() of the server of this process with the service name `source`.
 bool SubscribeSignal(const char* source, const char* from, const char* signal,
                      TCSignalCallback callback, void* userData);
-/// @copydoc TCServer::UnSubscribeSignal(const char*,const char*,const char*)
+/// TCServer::UnSubscribeSignal() of the server of this process with the service name `source`.
 bool UnSubscribeSignal(const char* source, const char* from, const char* signal);
-/// @copydoc TCServer::SubscribeKeySignal(const char*,const char*,TCSignalCallback,void*)
+/// Answers false: key signals do not exist.
 bool SubscribeKeySignal(const char* source, const char* name, const char* key,
                         TCSignalCallback callback, void* userData);
-/// @copydoc TCServer::UnSubscribeKeySignal(const char*,const char*)
+/// Answers false: key signals do not exist.
 bool UnSubscribeKeySignal(const char* source, const char* name, const char* key);
 
 } // namespace Velmora

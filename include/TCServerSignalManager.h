@@ -57,6 +57,8 @@ public:
                                TCSignalCallback callback, void* userData, unsigned int id);
 
     /// Removes the record of a key.
+    /// @param type the one there is
+    /// @param key as given when it was subscribed
     /// @param id receives the subscription's id, if there was one
     /// @return false if the key is unknown
     bool UnsubscribeSignal(TCSignalType type, const std::string& key, unsigned int& id);

@@ -74,15 +74,17 @@ protected:
     /// and the context are released.
     virtual void t_Destroy();
 
+    /// @cond internal
     bool m_NewThread(const char* name, unsigned long unused, bool here);
     bool m_InitMainLoop();
     static void* m_ThreadProcess(void* task);
     void m_Destroy();
+    /// @endcond
 
     std::atomic<GThread*> m_Thread{nullptr};     ///< null when there is no thread to join
     GList* m_IOList = nullptr;                   ///< of the thread that sets up, then of the task's
-    GMainContext* m_Context = nullptr;           ///< owned; released under #m_StateMutex
-    std::atomic<GMainLoop*> m_TaskLoop{nullptr}; ///< owned; released under #m_StateMutex
+    GMainContext* m_Context = nullptr;           ///< owned; released under the state lock
+    std::atomic<GMainLoop*> m_TaskLoop{nullptr}; ///< owned; released under the state lock
 
 private:
     class [[gnu::visibility("hidden")]] FailedSetupMark;
