@@ -29,9 +29,9 @@ int main()
 {
     SetAppName("application");
     MainLoop loop;
-    TCServer application("example.app", TCServer::SERVER_TYPE_SERVICE);
-    Page page;
-    if (!application.CreateDBusServer() || !page.CreateDBusServer()) {
+    TCScope<TCServer> application("example.app", TCServer::SERVER_TYPE_SERVICE);
+    const TCScope<Page> page;
+    if (!application || !page) {
         return 1;
     }
     // Other processes reach it as "example.app.page".
@@ -40,10 +40,8 @@ int main()
     TCMessage request;
     request.SetMessage("the first screen");
     TCMessage reply;
-    const bool sent = application.SendMessage("page", &request, true, &reply); // no bus involved
+    const bool sent = application->SendMessage("page", &request, true, &reply); // no bus involved
     std::printf("application: %s\n", reply.GetMessage().c_str());
     loop.Run();
-    page.CloseDBusServer();
-    application.CloseDBusServer();
     return sent ? 0 : 1;
 }

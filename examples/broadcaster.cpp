@@ -10,7 +10,7 @@ namespace {
 
 struct Clock
 {
-    TCServer service{"example.clock", TCServer::SERVER_TYPE_SERVICE};
+    TCScope<TCServer> service{"example.clock", TCServer::SERVER_TYPE_SERVICE};
     int ticks = 0;
 
     static bool Tick(void* data)
@@ -18,7 +18,7 @@ struct Clock
         auto* const clock = static_cast<Clock*>(data);
         TCMessage message;
         message.m_Json["count"] = ++clock->ticks;
-        return clock->service.SendSignal("tick", &message);
+        return clock->service->SendSignal("tick", &message);
     }
 };
 
@@ -29,7 +29,7 @@ int main()
     SetAppName("broadcaster");
     MainLoop loop;
     Clock clock;
-    if (!clock.service.CreateDBusServer()) {
+    if (!clock.service) {
         return 1;
     }
     TCAlarm alarm;
@@ -37,6 +37,5 @@ int main()
     alarm.SetAlarmCallback(&Clock::Tick, &clock);
     loop.Run();
     alarm.Destroy();
-    clock.service.CloseDBusServer();
     return 0;
 }

@@ -25,18 +25,11 @@ class Sensor : public TCServer, public TCTask
 public:
     Sensor() : TCServer(kSensor, SERVER_TYPE_SERVICE), TCTask("sensor") {}
 
-    ~Sensor() override
-    {
-        m_Alarm.Destroy();
-        CloseDBusServer();
-        AwaitHooks();
-        TCTask::Destroy();
-    }
+    ~Sensor() override { m_Alarm.Destroy(); } // closed by its scope
 
     bool Start()
     {
-        return Create("sensor") && CreateDBusServer() &&
-               m_Alarm.Create(this, 200, VELMORA_INFINITY) &&
+        return m_Alarm.Create(this, 200, VELMORA_INFINITY) &&
                m_Alarm.SetAlarmCallback(&Sensor::Measure, this);
     }
 
@@ -88,14 +81,11 @@ public:
 
     bool Run()
     {
-        const bool worked = CreateDBusProxy() &&
-                            SubscribeSignal(kSensor, "reading", &Client::OnReading, this) &&
+        const bool worked = SubscribeSignal(kSensor, "reading", &Client::OnReading, this) &&
                             AwaitSensor() && Configure() && SendBuffer() && Ask();
         if (worked) {
             m_Loop.Run(); // until readings and answer are there
         }
-        CloseDBusProxy();
-        Say(worked ? "closed" : "failed");
         return worked && m_Readings >= kWanted && m_Answered;
     }
 
@@ -209,11 +199,12 @@ int main(int argc, char** argv)
         9, [](gpointer) -> gboolean { std::_Exit(2); }, nullptr); // something hangs
     const std::string role = argv[1];
     if (role != "sensor") {
-        return Client(role).Run() ? 0 : 1;
+        TCScope<Client> client(role);
+        return client && client->Run() ? 0 : 1;
     }
     MainLoop loop;
-    Sensor sensor;
-    if (!sensor.Start()) {
+    TCScope<Sensor> sensor;
+    if (!sensor || !sensor->Start()) {
         return 1;
     }
     loop.Run();

@@ -58,15 +58,16 @@ int main()
 {
     SetAppName("echo_client");
     MainLoop loop;
-    Client client(loop);
-    bool worked = client.CreateDBusProxy() && Talk(client);
-    if (worked) {
-        TCMessage message;
-        message.m_Json["greeting"] = "later";
-        TCMessage wanted; // only says that an answer is wanted
-        worked = client.SendMessage(kService, &message, false, &wanted);
-        loop.Run();
+    TCScope<Client> client(loop);
+    if (!client || !Talk(*client)) {
+        return 1;
     }
-    client.CloseDBusProxy();
-    return worked ? 0 : 1;
+    TCMessage message;
+    message.m_Json["greeting"] = "later";
+    TCMessage wanted; // only says that an answer is wanted
+    if (!client->SendMessage(kService, &message, false, &wanted)) {
+        return 1;
+    }
+    loop.Run();
+    return 0;
 }

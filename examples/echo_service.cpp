@@ -31,11 +31,10 @@ int main()
 {
     SetAppName("echo_service");
     MainLoop loop;
-    EchoService service;
-    const bool open = service.CreateDBusServer();
-    if (open) {
-        loop.Run(); // the bus calls in from here
+    const TCScope<EchoService> service; // open until the end of the function
+    if (!service) {
+        return 1;
     }
-    service.CloseDBusServer();
-    return open ? 0 : 1;
+    loop.Run(); // the bus calls in from here
+    return 0;
 }

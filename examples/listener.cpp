@@ -29,13 +29,10 @@ int main()
 {
     SetAppName("listener");
     Listener listener;
-    TCServer proxy("example.listener", TCServer::SERVER_TYPE_PROXY);
-    const bool subscribed =
-        proxy.CreateDBusProxy() &&
-        proxy.SubscribeSignal("example.clock", "tick", &Listener::OnTick, &listener);
-    if (subscribed) {
-        listener.loop.Run();
+    TCScope<TCServer> proxy("example.listener", TCServer::SERVER_TYPE_PROXY);
+    if (!proxy || !proxy->SubscribeSignal("example.clock", "tick", &Listener::OnTick, &listener)) {
+        return 1;
     }
-    proxy.CloseDBusProxy();
-    return subscribed ? 0 : 1;
+    listener.loop.Run();
+    return 0;
 }

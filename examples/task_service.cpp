@@ -14,12 +14,7 @@ class Worker : public TCServer, public TCTask
 public:
     Worker() : TCServer("example.worker", SERVER_TYPE_SERVICE), TCTask("worker") {}
 
-    ~Worker() override
-    {
-        CloseDBusServer(); // 1. nothing new arrives
-        AwaitHooks();      // 2. no hook runs on another thread, and none starts
-        TCTask::Destroy(); // 3. what is still queued gets the error reply
-    }
+    int Sum() const { return m_Sum; }
 
 protected:
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
@@ -34,7 +29,6 @@ protected:
                            const char* /*signalName*/) override
     {
         m_Sum += message->m_Json["add"].isInt() ? message->m_Json["add"].asInt() : 0;
-        std::printf("sum is %d\n", m_Sum);
         reply->m_Json["sum"] = m_Sum;
         return true;
     }
@@ -49,10 +43,12 @@ int main()
 {
     SetAppName("task_service");
     MainLoop loop;
-    Worker worker;
-    if (!worker.Create("worker") || !worker.CreateDBusServer()) {
+    TCScope<Worker> worker; // creates task and server, and closes them in the right order
+    if (!worker) {
         return 1;
     }
     loop.Run();
+    const std::optional<int> sum = RunAndWait(&*worker, [&] { return worker->Sum(); });
+    std::printf("the sum was %d\n", sum.value_or(0));
     return 0;
 }

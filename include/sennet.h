@@ -8,6 +8,8 @@
 #include "TCMessage.h"
 #include "TCMutex.h"
 #include "TCPrint.h"
+#include "TCRun.h"
+#include "TCScope.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
 #include "TCServerSignalManager.h"

@@ -16,13 +16,6 @@ class Stock : public TCServer, public TCTask
 public:
     Stock() : TCServer("example.stock", SERVER_TYPE_SERVICE), TCTask("stock") {}
 
-    ~Stock() override
-    {
-        CloseDBusServer(); // 1. nothing new arrives
-        AwaitHooks();      // 2. no hook runs on another thread, and none starts
-        TCTask::Destroy(); // 3. what is still queued gets the error reply
-    }
-
 protected:
     // The bus thread hands every message over to the task.
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
@@ -66,8 +59,8 @@ int main()
     const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
         g_main_loop_new(nullptr, FALSE), &g_main_loop_unref);
     g_unix_signal_add(SIGTERM, &Quit, loop.get());
-    Stock stock;
-    if (!stock.Create("stock") || !stock.CreateDBusServer()) {
+    const TCScope<Stock> stock; // creates task and server, and closes them in the right order
+    if (!stock) {
         return 1;
     }
     g_main_loop_run(loop.get());
