@@ -79,7 +79,9 @@ public:
         }
         const ConnectionPtr connection(static_cast<GDBusConnection*>(
             g_object_ref(g_dbus_method_invocation_get_connection(unhandled))));
-        Invocation{unhandled}; // the error reply
+        {
+            const Invocation failed(unhandled);
+        }
         g_dbus_connection_flush_sync(connection.get(), nullptr, nullptr);
     }
 
