@@ -58,12 +58,13 @@ public:
     TCScope(const TCScope&) = delete;
     TCScope& operator=(const TCScope&) = delete;
 
-    /// @return whether the task was started and the server is open, as their creates have told;
-    /// what
-    ///         a failed one leaves is released at the end of the scope
+    /// @return whether the task was started and the server is open, as their creates have told.
+    ///         What a failed one leaves is released at the end of the scope.
     explicit operator bool() const { return m_Created; }
 
+    /// @return the object, open or not
     T* operator->() { return &m_Object; }
+    /// @return the object, open or not
     T& operator*() { return m_Object; }
 
 private:
