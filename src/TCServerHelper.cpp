@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <unistd.h>
 
@@ -15,15 +16,26 @@ using namespace Internal;
 
 namespace {
 
-void HandOut(const char* text, char** out)
+template <typename T>
+std::unique_ptr<T[]> Copy(const T* data, std::size_t size)
 {
-    if (out == nullptr) {
-        return;
+    std::unique_ptr<T[]> copy(new T[size]);
+    std::memcpy(copy.get(), data, size * sizeof(T));
+    return copy;
+}
+
+std::unique_ptr<char[]> CopyText(const char* text)
+{
+    return Copy(text, std::strlen(text) + 1);
+}
+
+// The caller frees it with delete[].
+template <typename T>
+void HandOut(std::unique_ptr<T[]> copy, T** out)
+{
+    if (out != nullptr) {
+        *out = copy.release();
     }
-    const std::size_t size = std::strlen(text) + 1;
-    std::unique_ptr<char[]> copy(new char[size]);
-    std::memcpy(copy.get(), text, size);
-    *out = copy.release(); // the caller frees it with delete[]
 }
 
 bool IsNameByte(char byte)
@@ -60,23 +72,22 @@ bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* 
         bytes.reset(raw);
         VELMORA_LOGI("get data of %s", shape);
     }
-    HandOut(ownFrom, from);
-    HandOut(ownType, type);
-    HandOut(ownMessage, message);
+    // All copies come before the first is handed out: whatever throws, the caller owns nothing.
+    auto copyOfFrom = CopyText(ownFrom);
+    auto copyOfType = CopyText(ownType);
+    auto copyOfMessage = CopyText(ownMessage);
+    if (bytes && buffer != nullptr && size != nullptr) {
+        const auto* const data = static_cast<const unsigned char*>(g_variant_get_data(bytes.get()));
+        const gsize length = g_variant_get_size(bytes.get());
+        if (length > 1 || (length == 1 && *data != 0)) {
+            HandOut(Copy(data, length), buffer);
+            *size = static_cast<unsigned int>(length);
+        }
+    }
+    HandOut(std::move(copyOfFrom), from);
+    HandOut(std::move(copyOfType), type);
+    HandOut(std::move(copyOfMessage), message);
     *code = ownCode;
-    if (!bytes || buffer == nullptr || size == nullptr) {
-        return true;
-    }
-
-    const auto* const data = static_cast<const unsigned char*>(g_variant_get_data(bytes.get()));
-    const gsize length = g_variant_get_size(bytes.get());
-    if (length == 0 || (length == 1 && *data == 0)) {
-        return true;
-    }
-    std::unique_ptr<unsigned char[]> copy(new unsigned char[length]);
-    std::memcpy(copy.get(), data, length);
-    *size = static_cast<unsigned int>(length);
-    *buffer = copy.release(); // the caller frees it with delete[]
     return true;
 }
 

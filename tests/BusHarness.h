@@ -142,11 +142,63 @@ public:
         g_subprocess_wait(m_Process, nullptr, nullptr);
         g_object_unref(m_Process);
     }
+    pid_t Process() const { return std::stoi(g_subprocess_get_identifier(m_Process)); }
     ForeignService(const ForeignService&) = delete;
     ForeignService& operator=(const ForeignService&) = delete;
 
 private:
     GSubprocess* m_Process;
+};
+
+// A client of the bus that does not know the library.
+class RawPeer
+{
+public:
+    RawPeer()
+        : m_Connection(g_dbus_connection_new_for_address_sync(
+              std::getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+              static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+              nullptr, nullptr, nullptr))
+    {}
+    ~RawPeer()
+    {
+        g_dbus_connection_close_sync(m_Connection, nullptr, nullptr);
+        g_object_unref(m_Connection);
+    }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+
+    GDBusConnection* Get() const { return m_Connection; }
+
+    // The printed reply of a call, or the error's message.
+    std::string Call(const std::string& name, const char* method, const char* body)
+    {
+        GError* error = nullptr;
+        GVariant* const reply = g_dbus_connection_call_sync(
+            m_Connection, name.c_str(), Velmora::TCServerHelper::GetObjectPath(name).c_str(),
+            name.c_str(), method, g_variant_new_parsed(body), nullptr, G_DBUS_CALL_FLAGS_NONE,
+            10000, nullptr, &error);
+        if (reply == nullptr) {
+            const std::string text = error->message;
+            g_error_free(error);
+            return text;
+        }
+        gchar* const printed = g_variant_print(reply, TRUE);
+        const std::string text = printed;
+        g_free(printed);
+        g_variant_unref(reply);
+        return text;
+    }
+    bool Emit(const char* path, const char* interface, const char* signal, const char* body)
+    {
+        return g_dbus_connection_emit_signal(m_Connection, nullptr, path, interface, signal,
+                                             g_variant_new_parsed(body), nullptr) != 0 &&
+               g_dbus_connection_flush_sync(m_Connection, nullptr, nullptr) != 0;
+    }
+
+private:
+    GDBusConnection* m_Connection;
 };
 
 class BusTest : public testing::Test

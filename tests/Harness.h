@@ -116,8 +116,8 @@ void Await(Condition condition)
     }
 }
 
-inline std::ptrdiff_t OpenDescriptors()
+inline std::ptrdiff_t OpenDescriptors(const std::string& process = "self")
 {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
+    const std::filesystem::directory_iterator all("/proc/" + process + "/fd");
     return std::distance(begin(all), end(all));
 }

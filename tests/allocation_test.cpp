@@ -1,0 +1,170 @@
+// Memory that runs out at any point of a send. Without the capture of the log, which allocates.
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include "BusHarness.h"
+
+using namespace Velmora;
+
+namespace {
+
+// Counts the allocations of this thread down to the one that fails; 0 lets all succeed.
+thread_local int g_UntilFailure = 0;
+
+void* Allocate(std::size_t size)
+{
+    void* const memory = g_UntilFailure > 0 && --g_UntilFailure == 0 ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+// Runs a send with every one of its allocations failing in turn, and each time a check of what that
+// has left. Returns how often it was handed on all the same.
+int FailEachAllocation(const std::function<bool()>& send, const std::function<void()>& check)
+{
+    int sent = 0;
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        bool accepted = false, threw = false;
+        g_UntilFailure = n;
+        try {
+            accepted = send();
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+        const bool allSucceeded = std::exchange(g_UntilFailure, 0) > 0;
+        check();
+        sent += accepted ? 1 : 0;
+        if (allSucceeded || testing::Test::HasFailure()) {
+            EXPECT_TRUE(accepted);
+            EXPECT_GT(n, 3); // it has allocated at all
+            return sent;
+        }
+        EXPECT_TRUE(threw || accepted);
+    }
+}
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    return Allocate(size);
+}
+void* operator new[](std::size_t size)
+{
+    return Allocate(size);
+}
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
+TEST(Allocation, FailedPostQueuesNothingAndHoldsNoLock)
+{
+    for (const auto send : {&SendEvent, &SendUrgentEvent, &SendSyncEvent}) {
+        Task task("task");
+        ASSERT_TRUE(task.Create("task"));
+        std::string expected;
+        const int sent = FailEachAllocation(
+            [&] {
+                TCEvent event = Event(&task, 7);
+                event.data.m_Json["key"] = "a value that is too long to stay inside of a string";
+                return send(&event);
+            },
+            [&] { // through the loop's thread, which needs the lock as well
+                TCEvent event = Event(&task, 8);
+                EXPECT_TRUE(SendSyncEvent(&event));
+                EXPECT_EQ(task.CountEvent(), 0U);
+                expected += "e8 ";
+            });
+        EXPECT_EQ(sent, 1);
+        task.Destroy();
+        expected += send == &SendSyncEvent ? "e7 e1 c1 " : "e7 c7 e1 c1 ";
+        // The one that was accepted came before the last of the others.
+        expected.replace(expected.rfind("e8 "), 3, "").insert(expected.rfind("e1"), "e8 ");
+        EXPECT_EQ(task.seen, expected);
+    }
+}
+
+TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
+{
+    const Dispatcher dispatcher;
+    const ForeignService foreign("peer.message",
+                                 "('p', uint32 1, 'type', '{\"n\":5}', [(byte 1,)])");
+    Server app("app"), act("act", TCServer::SERVER_TYPE_ACTIVITY);
+    TaskServer task("task", TCServer::SERVER_TYPE_ACTIVITY, "task");
+    ASSERT_TRUE(app.CreateDBusServer() && act.CreateDBusServer() && task.CreateDBusServer());
+    ASSERT_TRUE(task.Create("task") && act.SubscribeSignal("app", "signal", nullptr, nullptr));
+    Await([&] { return app.IsServiceAvailable("peer"); });
+
+    const TCMessage message =
+        Message("{\"text\":\"which is too long to stay inside of a string\"}", 99);
+    const struct
+    {
+        const char* route;
+        std::function<bool()> send;
+        std::function<std::string()> seen; // one ";" for each arrival; a hook that ran may throw
+    } cases[] = {
+        {"call",
+         [&] {
+             TCMessage reply;
+             return app.SendMessage("act", &message, true, &reply);
+         },
+         {}},
+        {"event", [&] { return app.SendMessage("task", &message, false, nullptr); },
+         [&] { return task.Seen(); }},
+        {"bus", [&] { return act.SendMessage("app", &message, false, nullptr); },
+         [&] { return app.Seen(); }},
+        {"bus, with a reply",
+         [&] {
+             TCMessage reply;
+             return app.SendMessage("peer", &message, false, &reply);
+         },
+         [&] { return app.Seen(); }},
+        {"bus, awaited",
+         [&] {
+             TCMessage reply;
+             return app.SendMessage("peer", &message, true, &reply);
+         },
+         {}},
+        {"signal", [&] { return app.SendSignal("signal", &message); }, [&] { return act.Seen(); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.route);
+        const auto arrivals = [&] {
+            const std::string seen = c.seen ? c.seen() : "";
+            return std::count(seen.begin(), seen.end(), ';');
+        };
+        std::ptrdiff_t expected = arrivals();
+        expected += FailEachAllocation(c.send, [&] {
+            std::thread([&] { EXPECT_TRUE(c.send()); }).join(); // finds no lock held
+            // Not at once: the task's thread delivers an event by a send.
+            Await([&] { return app.m_SendingCount == 0 && act.m_SendingCount == 0; });
+            ++expected;
+        });
+        Await([&] { return !c.seen || arrivals() >= expected; });
+        EXPECT_TRUE(!c.seen || arrivals() == expected);
+    }
+    // Not on this thread, for whose own hooks it would not wait.
+    std::thread([&] {
+        act.CloseDBusServer();
+        EXPECT_TRUE(act.AwaitHooks());
+    }).join();
+    task.CloseDBusServer();
+    task.Destroy();
+}

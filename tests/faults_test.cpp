@@ -1,0 +1,260 @@
+// Descriptors that run out, a bus or a peer that is stopped, and a peer that means ill.
+#include <csignal>
+
+#include <fstream>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "BusHarness.h"
+
+using namespace Velmora;
+
+namespace {
+
+// Stops a process for a scope.
+class Stopped
+{
+public:
+    explicit Stopped(pid_t process) : m_Process(process) { kill(process, SIGSTOP); }
+    ~Stopped() { kill(m_Process, SIGCONT); }
+    Stopped(const Stopped&) = delete;
+    Stopped& operator=(const Stopped&) = delete;
+
+private:
+    pid_t m_Process;
+};
+
+pid_t Daemon(RawPeer& peer)
+{
+    GVariant* const answer = g_dbus_connection_call_sync(
+        peer.Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+        "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    guint32 process = 0;
+    g_variant_get(answer, "(u)", &process);
+    g_variant_unref(answer);
+    return static_cast<pid_t>(process);
+}
+
+// Sends calls and reads nothing, not even that it is welcome.
+class SilentPeer
+{
+public:
+    SilentPeer()
+        : m_Stream(g_dbus_address_get_stream_sync(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), nullptr,
+                                                  nullptr, nullptr))
+    {
+        std::string hello("\0AUTH EXTERNAL ", 15);
+        for (const char digit : std::to_string(getuid())) {
+            hello += {'3', digit}; // in hexadecimal
+        }
+        Write(hello + "\r\nBEGIN\r\n");
+        Call("org.freedesktop.DBus", "/", "Hello", "()");
+    }
+    ~SilentPeer() { g_object_unref(m_Stream); }
+    SilentPeer(const SilentPeer&) = delete;
+    SilentPeer& operator=(const SilentPeer&) = delete;
+
+    void Call(const char* name, const char* path, const char* method, const char* body)
+    {
+        GDBusMessage* const message = g_dbus_message_new_method_call(name, path, name, method);
+        if (m_Serial % 16 != 0) { // which the bus does not count, and so goes on delivering
+            g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        }
+        g_dbus_message_set_body(message, g_variant_new_parsed(body));
+        g_dbus_message_set_serial(message, ++m_Serial);
+        gsize size = 0;
+        auto* const bytes = reinterpret_cast<char*>(
+            g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
+        Write({bytes, size});
+        g_free(bytes);
+        g_object_unref(message);
+    }
+
+private:
+    void Write(const std::string& bytes)
+    {
+        EXPECT_TRUE(g_output_stream_write_all(g_io_stream_get_output_stream(m_Stream), bytes.data(),
+                                              bytes.size(), nullptr, nullptr, nullptr));
+    }
+
+    GIOStream* m_Stream;
+    guint32 m_Serial = 0;
+};
+
+constexpr long kMemoryMore = 65536; // KiB, a quarter of what is sent
+constexpr char kEcho[] = "example.echo.message";
+constexpr char kEchoPath[] = "/example/echo/message";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr char kGoodBody[] = "('me', uint32 7, 't', 'x')";
+
+// Calls of every wrong kind, and signals and answers that the service never asked for.
+void SendWrongMessages(RawPeer& peer)
+{
+    const std::string huge(4U << 20U, 'x'), deep(1U << 20U, '['), deepObject = R"({"k":)" + deep;
+    const auto text = [](const std::string& content) {
+        return "('me', uint32 7, 't', '" + content + "')";
+    };
+    const struct
+    {
+        GDBusMessageType type;
+        const char *path, *interface, *member;
+        std::string body;
+    } cases[] = {
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "NoSuchMethod", "()"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, "/", kEcho, "SendMessage", kGoodBody},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "(1,)"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+         "('', uint32 0, '', '', b'plain')"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+         "('', uint32 0, '', '', [(byte 1, 'pair')])"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+         "('', uint32 0, '', '', {'k': <[[<1>]]>})"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(huge)},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deep)},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deepObject)},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "GetAll", "(1, 2)"},
+        {G_DBUS_MESSAGE_TYPE_METHOD_RETURN, nullptr, nullptr, nullptr, kGoodBody},
+        {G_DBUS_MESSAGE_TYPE_ERROR, nullptr, nullptr, nullptr, "(1,)"},
+        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "SendMessage", kGoodBody},
+        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "()"},
+        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
+        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", text(deep)},
+    };
+    for (const auto& c : cases) {
+        GDBusMessage* const message = g_dbus_message_new();
+        g_dbus_message_set_message_type(message, c.type);
+        g_dbus_message_set_path(message, c.path);
+        g_dbus_message_set_interface(message, c.interface);
+        g_dbus_message_set_member(message, c.member);
+        g_dbus_message_set_body(message, g_variant_new_parsed(c.body.c_str()));
+        if (c.type != G_DBUS_MESSAGE_TYPE_SIGNAL) {
+            g_dbus_message_set_destination(message, kEcho);
+        }
+        if (c.member == nullptr) {
+            g_dbus_message_set_reply_serial(message, 3);
+            g_dbus_message_set_error_name(
+                message, c.type == G_DBUS_MESSAGE_TYPE_ERROR ? "no.such.Error" : nullptr);
+        }
+        EXPECT_TRUE(g_dbus_connection_send_message(
+            peer.Get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr));
+        g_object_unref(message);
+    }
+}
+
+// Of a process, in KiB.
+long ResidentMemory(const std::string& process)
+{
+    std::ifstream status("/proc/" + process + "/status");
+    std::string word;
+    while (status >> word && word != "VmRSS:") {
+    }
+    long size = 0;
+    status >> size;
+    return size;
+}
+
+} // namespace
+
+TEST_F(BusTest, CreateWithoutDescriptorsFailsAndLeavesNone)
+{
+    // GLib aborts where it finds none for a new context: it has GDBus's already, and with one that
+    // is free it would connect and then make another.
+    const RawPeer first;
+    Server app("app");
+    const auto before = OpenDescriptors();
+    const int lowest = dup(STDIN_FILENO);
+    close(lowest);
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {static_cast<rlim_t>(lowest), limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(dispatcher.Create(app));
+    EXPECT_FALSE(app.SendSignal("signal", nullptr));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(CountLog(kError, "get dbus connection fail!"), 1);
+    EXPECT_EQ(OpenDescriptors(), before);
+    ASSERT_TRUE(dispatcher.Create(app));
+    EXPECT_TRUE(app.SendSignal("signal", nullptr));
+    Await([&] { return app.IsServiceAvailable("app"); });
+}
+
+TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
+{
+    const ForeignService foreign("peer.message", "('p', uint32 1, '', '5')");
+    RawPeer raw;
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
+    ASSERT_TRUE(proxy.SubscribeSignal("app", "signal", nullptr, nullptr));
+    Await([&] { return app.IsServiceAvailable("peer"); });
+    const TCMessage message = Message("x");
+    TCMessage reply;
+    constexpr int kSends = 100;
+    std::string replies, signals;
+    for (const pid_t process : {Daemon(raw), foreign.Process()}) {
+        {
+            const Stopped stopped(process);
+            for (int i = 0; i < kSends; ++i) {
+                EXPECT_TRUE(app.SendMessage("peer", &message, false, &reply));
+                EXPECT_TRUE(app.SendSignal("signal", &message));
+                replies += "reply p:5;";
+                signals += "signal app:x;";
+            }
+            EXPECT_FALSE(app.SendMessage("peer", &message, true, &reply, 300));
+        }
+        EXPECT_TRUE(app.SendMessage("peer", &message, true, &reply));
+        EXPECT_EQ(reply.GetMessage(), "5");
+        Await([&] { return app.Seen() == replies && proxy.Seen() == signals; });
+    }
+    EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(Timeout was reached 24)"), 2);
+}
+
+TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
+{
+    GSubprocess* const echo =
+        g_subprocess_new(G_SUBPROCESS_FLAGS_STDOUT_SILENCE, nullptr, ECHO_SERVICE, nullptr);
+    const std::string process = g_subprocess_get_identifier(echo);
+    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    ASSERT_TRUE(proxy.SubscribeSignal("example.echo", "service_start_default", nullptr, nullptr));
+    Await([&] { return proxy.IsServiceAvailable("example.echo"); });
+    const auto descriptors = [&] { return OpenDescriptors(process); };
+
+    std::atomic<bool> over{false};
+    std::atomic<int> answers{0};
+    std::thread good([&] {
+        for (TCMessage reply; !over; ++answers) {
+            const TCMessage message = Message("{\"n\":" + std::to_string(answers) + "}", 3);
+            EXPECT_TRUE(proxy.SendMessage("example.echo", &message, true, &reply, 60000));
+            EXPECT_EQ(reply.GetMessage(), message.GetMessage());
+        }
+    });
+    Await([&] { return answers > 0; });
+    const auto openBefore = descriptors();
+    const long memoryBefore = ResidentMemory(process);
+    RawPeer peer;
+    for (int round = 0; round < 5; ++round) {
+        const int before = answers;
+        SilentPeer silent;
+        SendWrongMessages(peer);
+        for (int i = 0; i < 3000; ++i) {
+            silent.Call(kEcho, kEchoPath, "SendMessage", kGoodBody);
+        }
+        SendWrongMessages(peer);
+        EXPECT_EQ(peer.Call(kEcho, "SendMessage", kGoodBody),
+                  "('example.echo', uint32 7, 't', 'x', [(byte 0x00,)])");
+        Await([&] { return answers > before + 1; });
+    }
+    over = true;
+    good.join();
+    Await([&] { return ResidentMemory(process) < memoryBefore + kMemoryMore; });
+    EXPECT_EQ(descriptors(), openBefore);
+    g_subprocess_send_signal(echo, SIGTERM);
+    EXPECT_TRUE(g_subprocess_wait_check(echo, nullptr, nullptr)); // nor does it leak
+    g_object_unref(echo);
+}
