@@ -1,0 +1,79 @@
+// Callables on a queue's thread, and scopes that close what they have created.
+#include "BusHarness.h"
+
+using namespace Velmora;
+
+namespace {
+
+using Convenience = BusTest;
+
+// Its hook uses what only the most derived class has.
+class Worker : public Hooks<TCTask>
+{
+public:
+    explicit Worker(std::atomic<int>& handled) : Hooks("t.worker", SERVER_TYPE_SERVICE, "worker")
+    {
+        transferTo = this;
+        onMessage = [this, &handled](TCMessage&) { handled += *m_One; };
+    }
+
+private:
+    std::unique_ptr<int> m_One = std::make_unique<int>(1);
+};
+
+} // namespace
+
+TEST_F(Convenience, ResultsAndExceptionsReachTheWaiter)
+{
+    TCScope<TCTask> task("task");
+    TCTask* const queue = &*task;
+    EXPECT_TRUE(RunAndWait(queue, [] {}));
+    EXPECT_NE(RunAndWait(queue, g_thread_self), g_thread_self());
+    EXPECT_EQ(RunAndWait(queue, [&] { return *RunAndWait(queue, [] { return 7; }); }), 7);
+    EXPECT_EQ(**RunAndWait(queue, [] { return std::make_unique<int>(7); }), 7);
+    EXPECT_THROW(RunAndWait(queue, [] { throw std::runtime_error("x"); }), std::runtime_error);
+    EXPECT_THROW(
+        RunAndWait(queue, [] { throw std::future_error(std::future_errc::broken_promise); }),
+        std::future_error);
+}
+
+TEST_F(Convenience, CallableThatDoesNotRunWakesItsWaiter)
+{
+    Loop loop;
+    Queue queue;
+    const auto run = [&] { return RunAndWait(&queue, [] { ADD_FAILURE(); }); };
+    EXPECT_FALSE(RunAndWait(nullptr, [] { return 1; }).has_value());
+    EXPECT_FALSE(run());
+    ASSERT_TRUE(queue.Init(loop.Get()));
+    const std::function<void()> endings[] = {
+        [&] { (queue.DeleteEvent(nullptr), loop.Drain()); },
+        [&] { (SendUrgent(&queue, EVENT_CLEAR_QUEUE), loop.Drain()); },
+        [&] { queue.Final(); },
+    };
+    for (const auto& end : endings) {
+        std::future<bool> ran = std::async(std::launch::async, run);
+        Await([&] { return queue.CountEvent() == 1; });
+        end();
+        EXPECT_FALSE(ran.get());
+    }
+}
+
+TEST_F(Convenience, ScopeClosesWhileHooksRunOnOtherThreads)
+{
+    TCScope<TCServer> sender("t.sender", TCServer::SERVER_TYPE_PROXY);
+    std::atomic<int> handled{0};
+    std::atomic<bool> over{false};
+    std::thread thread([&] { // by turns on this thread and on the task's
+        TCMessage message = Message("x"), reply;
+        for (bool sync = true; !over; sync = !sync) {
+            sender->SendMessage("t.worker", &message, sync, sync ? &reply : nullptr);
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        handled = 0;
+        const TCScope<Worker> worker(handled);
+        Await([&] { return handled > 10; });
+    }
+    over = true;
+    thread.join();
+}
