@@ -1,6 +1,7 @@
 // Descriptors that run out, a bus or a peer that is stopped, and a peer that means ill.
 #include <csignal>
 
+#include <filesystem>
 #include <fstream>
 
 #include <sys/resource.h>
@@ -12,11 +13,34 @@ using namespace Velmora;
 
 namespace {
 
+// The first word of a field of a process or thread.
+std::string Status(const std::filesystem::path& folder, const std::string& field)
+{
+    std::ifstream status(folder / "status");
+    std::string word;
+    while (status >> word && word != field) {
+    }
+    status >> word;
+    return word;
+}
+
+long ResidentMemory(const std::string& process)
+{
+    return std::stol(Status("/proc/" + process, "VmRSS:")); // KiB
+}
+
 // Stops a process for a scope.
 class Stopped
 {
 public:
-    explicit Stopped(pid_t process) : m_Process(process) { kill(process, SIGSTOP); }
+    explicit Stopped(pid_t process) : m_Process(process)
+    {
+        kill(process, SIGSTOP);
+        const auto all = "/proc/" + std::to_string(process) + "/task";
+        for (const auto& thread : std::filesystem::directory_iterator(all)) {
+            Await([&] { return Status(thread.path(), "State:") == "T"; });
+        }
+    }
     ~Stopped() { kill(m_Process, SIGCONT); }
     Stopped(const Stopped&) = delete;
     Stopped& operator=(const Stopped&) = delete;
@@ -145,18 +169,6 @@ void SendWrongMessages(RawPeer& peer)
             peer.Get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr));
         g_object_unref(message);
     }
-}
-
-// Of a process, in KiB.
-long ResidentMemory(const std::string& process)
-{
-    std::ifstream status("/proc/" + process + "/status");
-    std::string word;
-    while (status >> word && word != "VmRSS:") {
-    }
-    long size = 0;
-    status >> size;
-    return size;
 }
 
 } // namespace
