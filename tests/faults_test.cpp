@@ -38,7 +38,10 @@ public:
         kill(process, SIGSTOP);
         const auto all = "/proc/" + std::to_string(process) + "/task";
         for (const auto& thread : std::filesystem::directory_iterator(all)) {
-            Await([&] { return Status(thread.path(), "State:") == "T"; });
+            Await([&] {
+                const std::string state = Status(thread.path(), "State:");
+                return state == "T" || state.empty(); // that one has ended
+            });
         }
     }
     ~Stopped() { kill(m_Process, SIGCONT); }
