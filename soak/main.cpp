@@ -78,7 +78,7 @@ bool HasGrown(const Report& before, const Report& now)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     constexpr long slack = G_MAXINT32; // these keep memory of their own
 #else
-    constexpr long slack = 4096;
+    constexpr long slack = 16384; // KiB; a leak of a few bytes a message is more within minutes
 #endif
     // What allocators and thread pools keep for later use comes and goes.
     return now.memory > before.memory + before.memory / 5 + slack ||
