@@ -257,6 +257,11 @@ gboolean TCTask::m_InsistOnExit(gpointer data)
     if (!g_main_loop_is_running(task->m_TaskLoop)) {
         return G_SOURCE_REMOVE; // it has quit, and only a handler's nested loop still runs
     }
+    GSource* const insistence = g_main_current_source();
+    if (g_source_get_priority(insistence) == kWhenDrained && task->CountEvent() > 0) {
+        return G_SOURCE_CONTINUE; // attached behind a poll that came too early to see the queue's
+                                  // byte
+    }
     auto event = std::make_unique<TCEvent>();
     event->receiver = task;
     event->id = EVENT_EXIT_TASK;
@@ -264,7 +269,7 @@ gboolean TCTask::m_InsistOnExit(gpointer data)
     switch (task->m_Post(node, false)) {
     case PostResult::Queued:
         static_cast<void>(event.release()); // the list's
-        g_source_set_priority(g_main_current_source(), kWhenDrained);
+        g_source_set_priority(insistence, kWhenDrained);
         return G_SOURCE_CONTINUE;
     case PostResult::PipeFull:
         return G_SOURCE_CONTINUE;
