@@ -23,13 +23,18 @@ need() {
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends $missing
 }
 
-# Configures and builds one preset of CMakePresets.json, with further arguments for the build.
+# Configures one preset of CMakePresets.json in build/PRESET.
+configure() {
+    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
+        dbus-daemon systemd libglib2.0-bin dpkg-dev file
+    configured=$(cmake --preset "$1" 2>&1) || { echo "$configured"; return 1; }
+}
+
+# The same, and builds it, with further arguments for the build.
 build() {
     preset=$1
     shift
-    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
-        dbus-daemon systemd libglib2.0-bin dpkg-dev file
     say "Building preset \"$preset\" in build/$preset"
-    configured=$(cmake --preset "$preset" 2>&1) || { echo "$configured"; return 1; }
+    configure "$preset"
     cmake --build --preset "$preset" "$@"
 }
