@@ -31,7 +31,7 @@ using TCAlarmCallback = bool (*)(void* userData);
 /// has stopped; elsewhere a timer that was just about to fire may still be waiting for the lock.
 ///
 /// If the lock cannot be had, `std::system_error` is thrown.
-class [[gnu::visibility("default")]] TCAlarm
+class __attribute__((visibility("default"))) TCAlarm
 {
 public:
     TCAlarm();
@@ -48,7 +48,7 @@ public:
     /// @param interval milliseconds, up to 4,294,967,295; 0 starts no timer
     /// @param count how many runs, or VELMORA_INFINITY; 0 starts no timer
     /// @return true
-    bool Create(TCEventIO * io, unsigned long interval, unsigned long count);
+    bool Create(TCEventIO* io, unsigned long interval, unsigned long count);
 
     /// Sets the function and starts the timer, or starts it anew, with the interval and the count
     /// that are stored. After a timer has ended by itself the count is VELMORA_INFINITY: Reset()

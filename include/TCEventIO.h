@@ -52,7 +52,7 @@ struct alignas(8) TCEventParam
 ///
 /// Copying copies both payloads; `param.p` is copied as a pointer. Destruction leaves `param.p`
 /// alone.
-class [[gnu::visibility("default")]] TCEvent
+class __attribute__((visibility("default"))) TCEvent
 {
 public:
     TCEvent() = default;
@@ -75,7 +75,7 @@ public:
 
 /// What can receive events. A subclass that is no queue itself points #m_EventIO at the queue that
 /// is to take its events; events sent to it before are refused.
-class [[gnu::visibility("default")]] TCHandler
+class __attribute__((visibility("default"))) TCHandler
 {
 public:
     TCHandler() = default;
@@ -85,17 +85,11 @@ public:
 
     /// Calls t_OnEvent(). Runs on the thread of the queue's loop, with no lock of the queue held.
     /// @return whether the id was handled; the queue does not look at it
-    bool OnEvent(const TCEvent* event)
-    {
-        return t_OnEvent(event);
-    }
+    bool OnEvent(const TCEvent* event) { return t_OnEvent(event); }
 
     /// Calls t_Clear(), once for each by-value event that a queue accepted: after OnEvent(), or
     /// alone where the event was deleted, swept or cleared by TCEventIO::Final().
-    void OnClear(TCEvent * event)
-    {
-        t_Clear(event);
-    }
+    void OnClear(TCEvent* event) { t_Clear(event); }
 
 protected:
     friend class TCEventIO;
@@ -110,7 +104,7 @@ protected:
     /// and under the queue's lock while a queue is swept or finalised: it must not wait for another
     /// thread that sends to this queue.
     /// The base class releases nothing.
-    virtual void t_Clear(TCEvent * event);
+    virtual void t_Clear(TCEvent* event);
 
     /// The queue that takes events addressed to this handler. Set it before the first send to the
     /// handler; senders read it without a lock.
@@ -119,7 +113,7 @@ protected:
 
 /// What a task can drive: something that is initialised with the task's loop when the task starts
 /// and finalised when it ends.
-class [[gnu::visibility("default")]] TCIOBase
+class __attribute__((visibility("default"))) TCIOBase
 {
 public:
     TCIOBase() = default;
@@ -129,7 +123,7 @@ public:
 
     /// @param loop the loop on which the object is to work; null means the global default context
     /// @return false ends the set-up of the task
-    virtual bool Init(GMainLoop * loop) = 0;
+    virtual bool Init(GMainLoop* loop) = 0;
 
     /// Ends the work of Init(); on the loop's thread, or after the loop has stopped.
     virtual void Final() = 0;
@@ -158,7 +152,7 @@ protected:
 /// A handler that runs a nested main loop on the same context sees later events of the queue inside
 /// that loop, before it has returned itself: the queue's source may recurse
 /// (g_source_set_can_recurse), which saves two system calls an event.
-class [[gnu::visibility("default")]] TCEventIO : public TCIOBase, public TCHandler
+class __attribute__((visibility("default"))) TCEventIO : public TCIOBase, public TCHandler
 {
 public:
     /// @param name shown in log lines only
@@ -174,7 +168,7 @@ public:
     /// @param loop not owned, and used until Final(); null means the global default main context,
     ///             and EVENT_EXIT_TASK then has no effect
     /// @return whether the queue accepts events
-    bool Init(GMainLoop * loop) override;
+    bool Init(GMainLoop* loop) override;
 
     /// Clears every entry, ends the watch and closes the pipe. Every by-value entry gets its
     /// OnClear() on the calling thread, under the queue's lock; a sender that waits in
@@ -188,10 +182,10 @@ public:
     ///              with the caller.
     /// @return false, with an error line, if the receiver is null or has no queue, the queue is not
     ///         ready, or its pipe is full or cannot be written
-    static bool SendEvent(TCEvent * event);
+    static bool SendEvent(TCEvent* event);
 
     /// Like SendEvent(), ahead of all entries: of two urgent events the later one goes first.
-    static bool SendUrgentEvent(TCEvent * event);
+    static bool SendUrgentEvent(TCEvent* event);
 
     /// Queues the caller's own event by pointer and returns when its handler has finished. Sets
     /// `sync`, and overwrites `param.p`: an id that uses `param.p` cannot be sent so. The payloads
@@ -206,7 +200,7 @@ public:
     /// Not to be called on the thread of the receiver's loop, where it uses up the 20 seconds.
     /// @return true if the queue has accepted the event, also when it was taken back or cleared;
     ///         false, with an error line, as in SendEvent()
-    static bool SendSyncEvent(TCEvent * event);
+    static bool SendSyncEvent(TCEvent* event);
 
     /// Asks whether the loop of a queue is alive.
     ///
@@ -216,7 +210,7 @@ public:
     /// @param target may be null, which answers false
     /// @param timeout microseconds, at least 2,100 (less counts as 2,100), or VELMORA_INFINITY
     /// @return true if the loop reached the ping within the timeout
-    static bool Ping(TCEventIO * target, unsigned long timeout);
+    static bool Ping(TCEventIO* target, unsigned long timeout);
 
     /// @return the number of entries, deleted ones included; a snapshot taken without the lock
     unsigned int CountEvent() const;
@@ -247,23 +241,24 @@ protected:
     virtual void t_Final();
 
     /// Releases `param.p` of the library's ids; EVENT_CLEAR_QUEUE sweeps the queue.
-    void t_Clear(TCEvent * event) override;
+    void t_Clear(TCEvent* event) override;
 
     /// @cond internal
     enum class PostResult { Queued, NotCreated, PipeFull, WriteFailed };
 
     /// Links the node's entry at one end of the list, with its byte, or does nothing.
-    PostResult m_Post(std::list<TCEvent*> & node, bool urgent);
-    bool m_Put(TCEvent * event);
-    bool m_Insert(TCEvent * event);
-    bool m_Get(TCEvent * event, TCEvent * *byPointer, unsigned long timeout);
+    PostResult m_Post(std::list<TCEvent*>& node, bool urgent);
+    bool m_Put(TCEvent* event);
+    bool m_Insert(TCEvent* event);
+    bool m_Get(TCEvent* event, TCEvent** byPointer, unsigned long timeout);
     int m_DeleteEvent(const TCHandler* handler, bool compareIds, unsigned long id);
-    static gboolean m_InterIOWatch(GIOChannel * channel, GIOCondition condition, gpointer data);
+    static gboolean m_InterIOWatch(GIOChannel* channel, GIOCondition condition, gpointer data);
     /// @endcond
 
     TCMutex m_QueueMutex; ///< guards the list, the created flag and the write end of the pipe
     std::string m_Name;   ///< constant
-    std::list<TCEvent*> m_EventList; ///< by-value entries are owned, by-pointer ones the senders'
+    /// By-value entries are owned, by-pointer ones the senders'.
+    std::list<TCEvent*> m_EventList SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex));
     std::atomic<bool> m_FlagCreate{false};       ///< written under the lock, looked at also without
     std::atomic<GMainLoop*> m_MainLoop{nullptr}; ///< not owned
     GSource* m_Source = nullptr;     ///< one reference; of Init(), then of the loop's thread
@@ -277,19 +272,24 @@ private:
     [[gnu::visibility("hidden")]] bool m_OpenPipe();
     [[gnu::visibility("hidden")]] bool m_AttachWatch();
     [[gnu::visibility("hidden")]] void m_ReleaseWatch();
-    [[gnu::visibility("hidden")]] bool m_HasRoomForSure();
-    [[gnu::visibility("hidden")]] PostResult m_WriteByte();
-    [[gnu::visibility("hidden")]] void m_PutBack(TCEvent * byPointer);
+    [[gnu::visibility("hidden")]] bool m_HasRoomForSure()
+        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
+    [[gnu::visibility("hidden")]] PostResult m_WriteByte()
+        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
+    [[gnu::visibility("hidden")]] void m_PutBack(TCEvent* byPointer);
     [[gnu::visibility("hidden")]] bool m_AwaitHandler(const TCEvent* event, TCSemaphore& handled);
-    [[gnu::visibility("hidden")]] void m_ClearEntries();
+    [[gnu::visibility("hidden")]] void m_ClearEntries()
+        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
 
     bool m_PipeOpen = false;                   ///< of Init(), Final() and the destructor
     std::atomic<unsigned int> m_EntryCount{0}; ///< size of the list, for readers without the lock
     /// Bytes written and not yet read out of the channel, so at least as many as the pipe holds.
     /// Raised under the lock, lowered on the loop's thread.
     std::atomic<std::uint64_t> m_UnreadBytes{0};
-    std::uint64_t m_RunBytes = 0; ///< written since the pipe was last known empty; under the lock
-    std::uint64_t m_PipeSize = 0; ///< the kernel's answer, asked for by long runs; under the lock
+    /// Written since the pipe was last known empty.
+    std::uint64_t m_RunBytes SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex)) = 0;
+    /// The kernel's answer, asked for by long runs.
+    std::uint64_t m_PipeSize SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex)) = 0;
 };
 
 /// @copydoc Velmora::TCEventIO::SendEvent

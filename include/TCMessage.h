@@ -27,7 +27,7 @@ namespace Velmora {
 ///
 /// A payload has no lock: one object belongs to one thread at a time. Text that is not JSON is no
 /// fault; it is how a plain message is recognised.
-class [[gnu::visibility("default")]] TCData
+class __attribute__((visibility("default"))) TCData
 {
 public:
     TCData() = default;
@@ -92,7 +92,7 @@ private:
 ///
 /// A message copies what it is given and owns its bytes; no two messages share a buffer. It has no
 /// lock: one object belongs to one thread at a time.
-class [[gnu::visibility("default")]] TCMessage : public TCData
+class __attribute__((visibility("default"))) TCMessage : public TCData
 {
 public:
     TCMessage() = default;

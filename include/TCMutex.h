@@ -7,6 +7,14 @@
 
 #include <glib.h>
 
+/// Tells clang's `-Wthread-safety` about a lock or what it guards, as in
+/// `int m_Count SENNET_THREAD_SAFETY(guarded_by(m_Mutex));`; nothing to other compilers.
+#ifdef __clang__
+#define SENNET_THREAD_SAFETY(attribute) __attribute__((attribute))
+#else
+#define SENNET_THREAD_SAFETY(attribute)
+#endif
+
 #pragma GCC visibility push(default)
 
 namespace Velmora {
@@ -25,7 +33,7 @@ void AnswerSyncPair(void* pair);
 /// allocates nothing and the destructor frees nothing. Between Create() and Destroy() every
 /// operation may be called on any thread; Create() and Destroy() themselves must not overlap with
 /// another operation. No operation but Create() allocates.
-class [[gnu::visibility("default")]] TCSemaphore
+class __attribute__((visibility("default"))) TCSemaphore
 {
 public:
     TCSemaphore() = default;
@@ -77,7 +85,7 @@ private:
 ///
 /// Order of use: construct, Create(), use from any threads, Destroy(), destruct. The destructor
 /// frees nothing.
-class [[gnu::visibility("default")]] TCMutex
+class __attribute__((visibility("default"))) SENNET_THREAD_SAFETY(capability("mutex")) TCMutex
 {
 public:
     TCMutex() = default;
@@ -91,15 +99,15 @@ public:
 
     /// Blocks until the calling thread holds the mutex. The holder may lock again; each Lock() and
     /// successful Try() needs an Unlock() of its own.
-    void Lock();
+    void Lock() SENNET_THREAD_SAFETY(acquire_capability());
 
     /// Like Lock(), with a limit. The holder succeeds at once, whatever the timeout.
     /// @param timeout microseconds, or VELMORA_INFINITY; see TCSemaphore::Try()
     /// @return true when the calling thread holds the mutex
-    bool Try(unsigned long timeout);
+    bool Try(unsigned long timeout) SENNET_THREAD_SAFETY(try_acquire_capability(true));
 
     /// Undoes one Lock() or Try(). On a thread that does not hold the mutex it does nothing.
-    void Unlock();
+    void Unlock() SENNET_THREAD_SAFETY(release_capability());
 
     /// Frees what Create() made. Does nothing on a mutex that is not created.
     virtual void Destroy();

@@ -13,7 +13,7 @@ namespace Velmora {
 ///
 /// As an object on the stack it writes an IN line when it is made and an OUT line with the duration
 /// when it goes; with Start() and End() it measures any stretch. An object belongs to one thread.
-class [[gnu::visibility("default")]] TCPrint
+class __attribute__((visibility("default"))) TCPrint
 {
 public:
     /// For Start() and End(); writes nothing.

@@ -58,7 +58,7 @@ class HookScope;
 /// UTF-8 or hold a NUL, names that are not legal on D-Bus, and messages over the bus's limit of
 /// 32 MiB (as the library is built by default), in which a buffer takes eight bytes a byte: some
 /// 4 MiB of it. A reply of that kind is replaced by the error reply.
-class [[gnu::visibility("default")]] TCServer
+class __attribute__((visibility("default"))) TCServer
 {
 public:
     /// The kinds of server.
@@ -220,16 +220,16 @@ protected:
     virtual bool IfMessageReplied(const char* from, const TCMessage* message);
 
     /// @cond internal
-    static void m_OnNameAcquired(GDBusConnection * connection, const char* name, void* userData);
-    static void m_OnNameLost(GDBusConnection * connection, const char* name, void* userData);
-    static void m_DObjectHandler(GDBusConnection * connection, const char* sender, const char* path,
+    static void m_OnNameAcquired(GDBusConnection* connection, const char* name, void* userData);
+    static void m_OnNameLost(GDBusConnection* connection, const char* name, void* userData);
+    static void m_DObjectHandler(GDBusConnection* connection, const char* sender, const char* path,
                                  const char* interfaceName, const char* methodName,
                                  GVariant* parameters, GDBusMethodInvocation* invocation,
                                  void* userData);
-    static void m_DSignalHandler(GDBusConnection * connection, const char* sender, const char* path,
+    static void m_DSignalHandler(GDBusConnection* connection, const char* sender, const char* path,
                                  const char* interfaceName, const char* signalName,
                                  GVariant* parameters, void* userData);
-    static void m_PendingCallNotify(GObject * source, GAsyncResult * result, void* userData);
+    static void m_PendingCallNotify(GObject* source, GAsyncResult* result, void* userData);
     void m_HandleMsg(const char* from, const TCMessage* message, GDBusMethodInvocation* invocation);
     int m_SubscribeSignal(const char* from, const char* signal,
                           TCServerSignalManager::TCSignalType type, unsigned int& id,
@@ -265,20 +265,20 @@ private:
     [[gnu::visibility("hidden")]] static Internal::HookScope m_RequireServer(const char* source);
 
     [[gnu::visibility("hidden")]] bool m_IsConnected() const;
-    [[gnu::visibility("hidden")]] bool m_Open(GDBusConnection * connection);
+    [[gnu::visibility("hidden")]] bool m_Open(GDBusConnection* connection);
     [[gnu::visibility("hidden")]] static std::string m_FindService();
-    [[gnu::visibility("hidden")]] bool m_CheckNames(std::string & owner, bool enter);
+    [[gnu::visibility("hidden")]] bool m_CheckNames(std::string& owner, bool enter);
     [[gnu::visibility("hidden")]] bool m_FormBusName();
-    [[gnu::visibility("hidden")]] bool m_OwnNameAndExport(GDBusConnection * connection);
-    [[gnu::visibility("hidden")]] bool m_OwnName(GDBusConnection * connection);
-    [[gnu::visibility("hidden")]] bool m_ExportObject(GDBusConnection * connection);
+    [[gnu::visibility("hidden")]] bool m_OwnNameAndExport(GDBusConnection* connection);
+    [[gnu::visibility("hidden")]] bool m_OwnName(GDBusConnection* connection);
+    [[gnu::visibility("hidden")]] bool m_ExportObject(GDBusConnection* connection);
     [[gnu::visibility("hidden")]] void m_AwaitSends();
     [[gnu::visibility("hidden")]] void m_ReleaseBus();
-    [[gnu::visibility("hidden")]] static void m_MoveCall(TCEventIO & target,
+    [[gnu::visibility("hidden")]] static void m_MoveCall(TCEventIO& target,
                                                          const std::shared_ptr<MovedCall>& call);
-    [[gnu::visibility("hidden")]] bool m_SendDirect(TCServer & target, const TCMessage* message,
+    [[gnu::visibility("hidden")]] bool m_SendDirect(TCServer& target, const TCMessage* message,
                                                     TCMessage* reply) const;
-    [[gnu::visibility("hidden")]] bool m_SendAsEvent(TCServer & target, const char* dest,
+    [[gnu::visibility("hidden")]] bool m_SendAsEvent(TCServer& target, const char* dest,
                                                      const TCMessage* message) const;
     [[gnu::visibility("hidden")]] bool m_SendOverBus(const char* dest, std::string target,
                                                      const TCMessage* message, bool sync,

@@ -36,7 +36,7 @@ struct STSignalControl
 /// The subscriptions of a server by their keys: the sender's bus name, "." and the signal's name,
 /// or the signal's name alone for one from anyone. Every operation may be called on any thread: the
 /// table guards itself, and calls nobody.
-class [[gnu::visibility("default")]] TCServerSignalManager
+class __attribute__((visibility("default"))) TCServerSignalManager
 {
 public:
     /// All subscriptions are of the one kind there is.
@@ -72,7 +72,7 @@ public:
     /// Empties the table.
     /// @param ids receives the ids of all subscriptions in the order of their keys, in place of
     ///            what it held
-    void Destroy(std::vector<unsigned int> & ids);
+    void Destroy(std::vector<unsigned int>& ids);
 
 private:
     std::map<std::string, std::unique_ptr<STSignalControl>> m_SignalTable; ///< under #m_TableMutex

@@ -24,7 +24,7 @@ namespace Velmora {
 ///
 /// To end a task from its own thread, send it EVENT_EXIT_TASK. What was queued before is still
 /// dispatched; what comes behind is cleared. Another thread still calls Destroy().
-class [[gnu::visibility("default")]] TCTask : public TCEventIO
+class __attribute__((visibility("default"))) TCTask : public TCEventIO
 {
 public:
     /// @param name the name of the queue, for log lines
@@ -55,7 +55,7 @@ public:
     /// Adds an object that gets Init() when the task is set up and Final() when it ends, both in
     /// the order of adding. To be called before Create(), or from t_AddIO().
     /// @param io not owned; lives until Destroy() has returned
-    void AddIO(TCIOBase * io);
+    void AddIO(TCIOBase* io);
 
 protected:
     /// For subclasses: the place to call AddIO(). Runs in the set-up, after the task has added

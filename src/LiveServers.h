@@ -66,9 +66,7 @@ public:
     const Life& GetLife() const { return m_Life; }
 
 private:
-    void Open(const Life& life);
-
-    TCServer* m_Server = nullptr;
+    TCServer* m_Server = nullptr; // of no meaning in a scope that is not open
     Life m_Life;
 };
 

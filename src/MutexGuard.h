@@ -7,13 +7,19 @@
 
 namespace Velmora::Internal {
 
-class MutexGuard
+class SENNET_THREAD_SAFETY(scoped_lockable) MutexGuard
 {
 public:
-    explicit MutexGuard(TCMutex& mutex) : m_Mutex(mutex) { m_Mutex.Lock(); }
+    explicit MutexGuard(TCMutex& mutex) SENNET_THREAD_SAFETY(acquire_capability(mutex))
+        : m_Mutex(mutex)
+    {
+        m_Mutex.Lock();
+    }
     // For a mutex that the thread holds already, after a successful Try.
-    MutexGuard(TCMutex& mutex, std::adopt_lock_t) : m_Mutex(mutex) {}
-    ~MutexGuard() { m_Mutex.Unlock(); }
+    MutexGuard(TCMutex& mutex, std::adopt_lock_t) SENNET_THREAD_SAFETY(requires_capability(mutex))
+        : m_Mutex(mutex)
+    {}
+    ~MutexGuard() SENNET_THREAD_SAFETY(release_capability()) { m_Mutex.Unlock(); }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 

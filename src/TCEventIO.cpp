@@ -523,8 +523,7 @@ void TCEventIO::m_PutBack(TCEvent* byPointer)
     ++m_EntryCount;
 }
 
-// Clears the list from its head until it is empty, entries that are added meanwhile included. The
-// caller holds the lock.
+// Clears the list from its head until it is empty, entries that are added meanwhile included.
 void TCEventIO::m_ClearEntries()
 {
     while (!m_EventList.empty()) {

@@ -17,6 +17,7 @@ using namespace Internal;
 namespace {
 
 constexpr char kSuffix[] = ".message";
+constexpr unsigned long kCreateWait = 1000000; // microseconds
 
 // Guards TCServer::m_CreatedDbusServers; held for one operation of the map, never across a call of
 // the bus or of a client.
@@ -54,7 +55,12 @@ TCServer::TCServer(std::string name, TCServerType type)
 {
     m_SignalManager.Init();
     m_ServerMutex.Create();
-    LiveServers::Add(this);
+    try {
+        LiveServers::Add(this);
+    } catch (...) {
+        m_ServerMutex.Destroy();
+        throw;
+    }
 }
 
 TCServer::~TCServer()
@@ -227,7 +233,12 @@ bool TCServer::CreateDBusServer()
     g_dbus_connection_set_exit_on_close(connection, FALSE);
     VELMORA_LOGI("Get dbus connection success : %p", static_cast<void*>(connection));
     LiveServers::Resume(this);
-    m_FlagOpen = m_Open(connection);
+    try {
+        m_FlagOpen = m_Open(connection);
+    } catch (...) {
+        m_Connection = connection;
+        throw;
+    }
     // Only now: a send that finds the connection may read the names.
     m_Connection = connection;
     return m_FlagOpen;
@@ -436,6 +447,10 @@ void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const char* /*n
     const HookScope server(static_cast<TCServer*>(userData));
     if (!server) {
         return;
+    }
+    // The create that has asked for the name may not be over yet, and a send would not wait for it.
+    if (server->m_ServerMutex.Try(kCreateWait)) {
+        server->m_ServerMutex.Unlock();
     }
     TCMessage message;
     message.m_Json["service_name"] = server->m_ServiceName;

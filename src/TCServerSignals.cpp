@@ -75,7 +75,12 @@ bool TCServer::SubscribeSignal(const char* from, const char* signal, TCSignalCal
     std::string key;
     switch (m_SubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE, id, key)) {
     case 0:
-        m_SignalManager.SubscribeNativeSignal(key, signal, callback, userData, id);
+        try {
+            m_SignalManager.SubscribeNativeSignal(key, signal, callback, userData, id);
+        } catch (...) {
+            g_dbus_connection_signal_unsubscribe(m_Connection, id);
+            throw;
+        }
         VELMORA_LOGI("SubscribeSignal %s success", key.c_str());
         return true;
     case 1:

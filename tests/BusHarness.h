@@ -1,7 +1,6 @@
 // What the tests on a bus share.
 #pragma once
 
-#include <future>
 #include <memory>
 
 #include <gio/gio.h>
@@ -24,22 +23,6 @@ public:
     }
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
-
-    // On the dispatch thread, where no name arrives before the create is over: one that does meets
-    // a gate that may be shut, and its start signal is lost.
-    bool Create(Velmora::TCServer& server)
-    {
-        std::promise<bool> created;
-        std::function<void()> create = [&] { created.set_value(server.CreateDBusServer()); };
-        g_main_context_invoke(
-            nullptr,
-            [](gpointer call) -> gboolean {
-                (*static_cast<std::function<void()>*>(call))();
-                return G_SOURCE_REMOVE;
-            },
-            &create);
-        return created.get_future().get();
-    }
 
 private:
     void Run() { g_main_loop_run(m_Loop); }

@@ -168,3 +168,35 @@ TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
     task.CloseDBusServer();
     task.Destroy();
 }
+
+TEST(Allocation, FailedCreateOrSubscriptionLeavesNothingBehind)
+{
+    struct Closing : Server
+    {
+        Closing() : Server("app") {}
+        ~Closing() override
+        {
+            const int left = std::exchange(g_UntilFailure, 0);
+            CloseDBusServer();
+            AwaitHooks();
+            g_UntilFailure = left;
+        }
+        bool Open()
+        {
+            return CreateDBusServer() && SubscribeSignal("app", "signal", nullptr, nullptr);
+        }
+    };
+    const Dispatcher dispatcher;
+    FailEachAllocation([] { return Closing().Open(); }, [] { EXPECT_TRUE(Closing().Open()); });
+    // A create that has failed halfway is taken up again by the next one.
+    Closing server;
+    FailEachAllocation(
+        [&] {
+            server.CloseDBusServer();
+            return server.Open();
+        },
+        [&] {
+            EXPECT_TRUE(server.Open());
+            EXPECT_TRUE(server.SendSignal("signal", nullptr));
+        });
+}

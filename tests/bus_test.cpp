@@ -75,7 +75,7 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
     EXPECT_EQ(TCServer::m_GetDBusName("lone"), "bus_test.lone.message");
     EXPECT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
-    ASSERT_TRUE(dispatcher.Create(app));
+    ASSERT_TRUE(app.CreateDBusServer());
     EXPECT_TRUE(app.CreateDBusServer());
     EXPECT_FALSE(second.CreateDBusServer());
     EXPECT_EQ(
@@ -106,7 +106,7 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
         app.CloseDBusServer();
         EXPECT_EQ(CountLog(kDebug, "app has closed."), 1);
         EXPECT_TRUE(app.AwaitHooks());
-        ASSERT_TRUE(dispatcher.Create(app));
+        ASSERT_TRUE(app.CreateDBusServer());
         starts += start;
         Await([&] { return proxy.Seen() == starts; });
     }
@@ -282,7 +282,7 @@ TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
     Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
-    ASSERT_TRUE(dispatcher.Create(app));
+    ASSERT_TRUE(app.CreateDBusServer());
     const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
     Await([&] { return proxy.Seen() == start; });
     TCMessage reply;
