@@ -64,7 +64,8 @@ inline bool Run(TCEventIO* queue, std::function<void()> callable)
 ///
 /// Returns without a result as soon as it is certain that the callable will not run: the queue has
 /// refused it or has destroyed it, see Run(). On a queue whose loop does not run that takes until
-/// Final(). So it must not be called where the loop is waited for: by the thread of the loop before
+/// Final(); on one that is destructed without Final(), or whose t_Clear() does not pass the id on to
+/// TCEventIO, for ever. So it must not be called where the loop is waited for: by the thread of the loop before
 /// that runs or after it has ended (a task's Init(), Final() and t_Create()), in a t_Clear(), and
 /// by two queues for each other.
 ///

@@ -41,9 +41,10 @@ public:
     /// Blocks as TCServer::CreateDBusServer() does. The thread of a task gets its queue's name.
     /// @param arguments for the constructor of T
     template <typename... Arguments>
-    explicit TCScope(Arguments&&... arguments) : m_Object(std::forward<Arguments>(arguments)...)
+    explicit TCScope(Arguments&&... arguments)
+        : TCScope(Constructed(), std::forward<Arguments>(arguments)...)
     {
-        m_Created = m_Create();
+        m_Created = m_Create(); // if it throws, the destructor closes
     }
     ~TCScope()
     {
@@ -68,6 +69,13 @@ public:
     T& operator*() { return m_Object; }
 
 private:
+    struct Constructed
+    {};
+    template <typename... Arguments>
+    explicit TCScope(Constructed /*tag*/, Arguments&&... arguments)
+        : m_Object(std::forward<Arguments>(arguments)...)
+    {}
+
     // Never made: only reaches what a task keeps for its subclasses.
     struct TaskName : TCTask
     {

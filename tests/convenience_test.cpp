@@ -77,3 +77,16 @@ TEST_F(Convenience, ScopeClosesWhileHooksRunOnOtherThreads)
     over = true;
     thread.join();
 }
+
+TEST_F(Convenience, ScopeClosesWhatAThrowingCreateHasLeft)
+{
+    std::atomic<int> handled{0};
+    OnLog([](const std::string& line) {
+        if (line.find("Get register id") != std::string::npos) {
+            throw std::runtime_error("client");
+        }
+    });
+    EXPECT_THROW(TCScope<Worker>{handled}, std::runtime_error);
+    OnLog(nullptr);
+    EXPECT_TRUE(TCScope<Worker>(handled));
+}
