@@ -190,6 +190,7 @@ TEST(Allocation, FailedCreateOrSubscriptionLeavesNothingBehind)
     FailEachAllocation([] { return Closing().Open(); }, [] { EXPECT_TRUE(Closing().Open()); });
     // A create that has failed halfway is taken up again by the next one.
     Closing server;
+    std::string expected;
     FailEachAllocation(
         [&] {
             server.CloseDBusServer();
@@ -198,5 +199,7 @@ TEST(Allocation, FailedCreateOrSubscriptionLeavesNothingBehind)
         [&] {
             EXPECT_TRUE(server.Open());
             EXPECT_TRUE(server.SendSignal("signal", nullptr));
+            expected += "signal app:;"; // once, by no other subscription
+            Await([&] { return server.Seen() == expected; });
         });
 }

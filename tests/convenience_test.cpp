@@ -88,5 +88,6 @@ TEST_F(Convenience, ScopeClosesWhatAThrowingCreateHasLeft)
     });
     EXPECT_THROW(TCScope<Worker>{handled}, std::runtime_error);
     OnLog(nullptr);
+    EXPECT_EQ(CountLog(kDebug, "task is destroyed!"), 1);
     EXPECT_TRUE(TCScope<Worker>(handled));
 }
