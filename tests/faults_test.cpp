@@ -201,7 +201,7 @@ TEST_F(BusTest, CreateWithoutBusOrDescriptorsFailsAndLeavesNone)
     setrlimit(RLIMIT_NOFILE, &none);
     fails();
     setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_LE(OpenDescriptors(), before); // GDBus may have had one open for a moment
     ASSERT_TRUE(app.CreateDBusServer());
     EXPECT_TRUE(app.SendSignal("signal", nullptr));
     Await([&] { return app.IsServiceAvailable("app"); });
