@@ -64,10 +64,10 @@ inline bool Run(TCEventIO* queue, std::function<void()> callable)
 ///
 /// Returns without a result as soon as it is certain that the callable will not run: the queue has
 /// refused it or has destroyed it, see Run(). On a queue whose loop does not run that takes until
-/// Final(); on one that is destructed without Final(), or whose t_Clear() does not pass the id on to
-/// TCEventIO, for ever. So it must not be called where the loop is waited for: by the thread of the loop before
-/// that runs or after it has ended (a task's Init(), Final() and t_Create()), in a t_Clear(), and
-/// by two queues for each other.
+/// Final(); on one that is destructed without Final(), or whose t_Clear() does not pass the id on
+/// to TCEventIO, for ever. So it must not be called where the loop is waited for: by the thread of
+/// the loop before that runs or after it has ended (a task's Init(), Final() and t_Create()), in a
+/// t_Clear(), and by two queues for each other.
 ///
 /// @param queue may be null, which gives no result; outlives the call
 /// @param callable anything that is called without arguments; it stays the caller's, and nothing
