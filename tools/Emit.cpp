@@ -2,6 +2,7 @@
 #include "CommandLine.h"
 #include "Endpoint.h"
 #include "Failure.h"
+#include "Log.h"
 #include "MessageOptions.h"
 
 namespace Ctl {
@@ -29,7 +30,12 @@ int RunEmit(CommandLine& line)
     // No loop runs: nothing is answered under the name, and no start signal goes out.
     Endpoint endpoint(service, TCServer::SERVER_TYPE_SERVICE);
     if (!endpoint.SendSignal(signal.c_str(), &message)) {
-        throw Failure(kFailed, "the signal " + signal + " was not accepted" + kSeeLog);
+        throw Failure(kFailed, "cannot emit " + signal + ": " + LastError());
+    }
+    if (!endpoint.IsServiceAvailable(service.c_str())) {
+        // GDBus would want to give back a name that the bus has refused, had it not seen that yet.
+        while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+        }
     }
     return kDone;
 }

@@ -1,6 +1,7 @@
 #include "Endpoint.h"
 
 #include "Failure.h"
+#include "Log.h"
 #include "Text.h"
 
 namespace Ctl {
@@ -21,7 +22,7 @@ Endpoint::Endpoint(const std::string& name, TCServerType type)
 {
     if (!CreateDBusServer()) {
         CloseDBusServer();
-        throw Failure(kFailed, std::string("cannot open an endpoint on the bus") + kSeeLog);
+        throw Failure(kFailed, "cannot open an endpoint on the bus: " + LastError());
     }
 }
 
@@ -44,10 +45,10 @@ void Endpoint::Ask(const std::string& service, const TCMessage& message, int tim
     if (g_get_monotonic_time() - start >= gint64{timeout} * 1000) {
         ThrowTimeout(service, timeout);
     }
-    if (!IsServiceAvailable(service.c_str())) {
-        throw Failure(kFailed, "no service " + service + " on the bus");
-    }
-    throw Failure(kFailed, service + " could not be asked" + kSeeLog);
+    const std::string reason = LastError();
+    throw Failure(kFailed, reason.find("Error.ServiceUnknown") != std::string::npos
+                               ? "no service " + service + " on the bus"
+                               : service + ": " + reason);
 }
 
 void ThrowTimeout(const std::string& service, int timeout)

@@ -12,9 +12,6 @@ constexpr char kToolName[] = "sennetctl"; // what receivers see as sender
 
 constexpr int kDefaultTimeout = 25000; // milliseconds
 
-// For what the library refuses: it says only in its log why.
-constexpr char kSeeLog[] = "; with SENNET_LOG_LEVEL=error the reason is logged";
-
 class Endpoint : public Velmora::TCServer
 {
 public:

@@ -6,6 +6,7 @@
 #include "CommandLine.h"
 #include "Endpoint.h"
 #include "Failure.h"
+#include "Log.h"
 #include "Output.h"
 #include "Text.h"
 
@@ -57,7 +58,7 @@ public:
         const char* const from = wanted.from ? wanted.from->c_str() : nullptr;
         for (const std::string& signal : wanted.signalNames) {
             if (!m_Endpoint.SubscribeSignal(from, signal.c_str(), &Listener::OnSignal, this)) {
-                throw Failure(kFailed, "cannot subscribe to " + signal + kSeeLog);
+                throw Failure(kFailed, "cannot subscribe to " + signal + ": " + LastError());
             }
         }
         // Its answer comes after the bus has seen the subscriptions.

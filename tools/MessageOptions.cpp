@@ -84,10 +84,11 @@ Velmora::TCMessage MessageOptions::Build(const CommandLine& line) const
         const std::string text = word == "-" ? ReadInput() : word;
         RequireUtf8("the text", text);
         message.SetMessage(text);
-        // Such a text the library would send without what follows the value.
+        // The library takes what such a text begins with, a lone sign too, for the whole of it.
         if (!message.m_Json.empty() && !ReadJson(text)) {
-            throw Failure(kFailed, "the text begins with a JSON value and goes on behind it; to "
-                                   "send it as a text, quote it as a JSON string");
+            throw Failure(kFailed, "the text would arrive as the JSON value " +
+                                       CompactJson(message.m_Json) +
+                                       "; to send it as a text, quote it as a JSON string");
         }
     }
     if (m_BufferFile.IsGiven()) {

@@ -1,7 +1,11 @@
 // sennetctl monitor
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "Bus.h"
 #include "BusLoop.h"
@@ -101,9 +105,9 @@ private:
 class Monitor
 {
 public:
-    explicit Monitor(bool json)
-        : m_Output(json), m_Bus(ConnectPrivately()), m_UniqueName(NameOf(m_Bus.get())),
-          m_Loop(m_Bus.get()),
+    Monitor(bool json, std::vector<std::string> services)
+        : m_Output(json), m_Services(std::move(services)), m_Bus(ConnectPrivately()),
+          m_UniqueName(NameOf(m_Bus.get())), m_Loop(m_Bus.get()),
           m_Filter(g_dbus_connection_add_filter(m_Bus.get(), &Monitor::OnMessage, this, nullptr))
     {}
 
@@ -166,11 +170,21 @@ private:
         auto* const self = static_cast<Monitor*>(data);
         while (const std::optional<Sighting> sighting = self->m_Sightings.Take()) {
             if (const auto transfer = self->m_Traffic.Take(*sighting);
-                transfer && !self->Show(*transfer)) {
+                transfer && self->IsWanted(*transfer) && !self->Show(*transfer)) {
                 self->m_Loop.Quit();
             }
         }
         return G_SOURCE_REMOVE;
+    }
+
+    bool IsWanted(const Transfer& transfer) const
+    {
+        const std::string names =
+            "," + transfer.from + "," + transfer.to + "," + transfer.subject + ",";
+        return m_Services.empty() ||
+               std::any_of(m_Services.begin(), m_Services.end(), [&names](const auto& service) {
+                   return names.find("," + service + ",") != std::string::npos;
+               });
     }
 
     bool Show(const Transfer& transfer)
@@ -180,6 +194,7 @@ private:
     }
 
     Output m_Output;
+    const std::vector<std::string> m_Services; // empty: all
     Traffic m_Traffic;
     Sightings m_Sightings;
     ConnectionPtr m_Bus;
@@ -193,7 +208,11 @@ private:
 int RunMonitor(CommandLine& line)
 {
     line.Parse();
-    Monitor monitor(line.WantsJson());
+    std::vector<std::string> services = line.Words();
+    for (const std::string& service : line.Words()) {
+        services.push_back(ServiceName(RequireBusName(service))); // as the bus knows it
+    }
+    Monitor monitor(line.WantsJson(), std::move(services));
     monitor.Start();
     return monitor.Run();
 }

@@ -5,6 +5,7 @@
 #include "CommandLine.h"
 #include "Endpoint.h"
 #include "Failure.h"
+#include "Log.h"
 #include "MessageOptions.h"
 #include "Output.h"
 #include "Text.h"
@@ -40,7 +41,7 @@ int SendAndForget(const std::string& service, const TCMessage& message)
 {
     Endpoint endpoint(kToolName, TCServer::SERVER_TYPE_PROXY);
     if (!endpoint.SendMessage(service.c_str(), &message, false, nullptr)) {
-        throw Failure(kFailed, "the message to " + service + " was not accepted" + kSeeLog);
+        throw Failure(kFailed, service + ": " + LastError());
     }
     return kDone;
 }

@@ -86,6 +86,7 @@ std::unique_ptr<Transfer> Traffic::TakeCall(const Sighting& sighting)
     const std::string from = ReadBody(g_dbus_message_get_body(message), *call);
     call->from = !from.empty() ? from : NameOf(call->sender);
     call->to = NameOf(call->destination);
+    call->subject = call->to;
     if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
         m_Calls[{call->sender, call->serial}] = {sighting.monotonicTime, call->from, call->to};
     }
@@ -106,6 +107,7 @@ std::unique_ptr<Transfer> Traffic::TakeAnswer(const Sighting& sighting)
     answer->serial = call->first.second;
     answer->latency = sighting.monotonicTime - call->second.monotonicTime;
     answer->to = call->second.from;
+    answer->subject = call->second.to;
     if (errorName != nullptr) {
         answer->from = answer->sender == "org.freedesktop.DBus" ? answer->sender : call->second.to;
         answer->member = errorName;
@@ -137,6 +139,7 @@ std::unique_ptr<Transfer> Traffic::TakeSignal(const Sighting& sighting)
     }
     const std::string from = ReadBody(body, *transfer);
     transfer->from = !from.empty() ? from : ServiceName(interface);
+    transfer->subject = ServiceName(interface);
     return transfer;
 }
 

@@ -37,6 +37,7 @@ struct Transfer
     std::string destination; // as the message has it
     guint32 serial = 0;      // of the call, also in what answers it; of the signal
     std::string member;      // method, signal or name of the error
+    std::string subject;     // the service that is called, answers or emits
     std::optional<gint64> latency;
     std::string unreadable; // the type of a body that no service sends
     Velmora::TCMessage message;

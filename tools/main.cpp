@@ -25,7 +25,8 @@ const Command kCommands[] = {
     {"emit", "SIGNAL [TEXT|-]", "Broadcast a signal", 1, 2, &RunEmit},
     {"wait", "SERVICE", "Wait until a service is on the bus", 1, 1, &RunWait},
     {"ping", "SERVICE", "Measure the way to a service and back", 1, 1, &RunPing},
-    {"monitor", "", "Show all messages and signals between all services", 0, 0, &RunMonitor},
+    {"monitor", "[SERVICE...]", "Show the messages and signals between services", 0, kAnyNumber,
+     &RunMonitor},
     {"bench", "DEST [TEXT|-]", "Measure how fast a service answers", 1, 2, &RunBench},
 };
 

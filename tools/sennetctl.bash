@@ -31,7 +31,8 @@ _sennetctl() {
         candidates=$(_sennetctl_options "$command")
     elif [[ -z $command ]]; then
         candidates="list send listen emit wait ping monitor bench"
-    elif [[ $before == --from || $before == -f ||
+    elif [[ $before == --from || $before == -f || $before == --as || $before == -A ||
+        $command == monitor ||
         $before == "$command" && " send ping bench listen " == *" $command "* ]]; then
         candidates=$(sennetctl list 2>/dev/null | awk 'NR > 1 { print $1 }')
     fi
