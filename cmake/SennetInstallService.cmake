@@ -10,7 +10,7 @@
 # NAME is the name that the program gives to its TCServer. USER runs the program, and alone may own
 # its bus name and those of its activities, which are all names below the service name. With a GROUP
 # only its members may send to it, without one everybody. The system bus reads policies below the
-# prefix /usr only.
+# prefix /usr only: with another one it starts the service and refuses its name.
 
 # The name as the library makes it legal, and the bus name that comes of it.
 function(_sennet_service_names name service_out bus_out)
@@ -59,12 +59,19 @@ function(sennet_install_service)
   configure_file(${templates}/activation.service.in ${out}/${bus}.service.in @ONLY)
   configure_file(${templates}/unit.service.in ${out}/${service}.service.in @ONLY)
   install(TARGETS ${arg_TARGET} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${out}/${bus}.conf DESTINATION ${system_dir}/system.d)
+  cmake_path(APPEND activation_dir "\${CMAKE_INSTALL_PREFIX}" "${system_dir}" system-services)
+  # Not by way of the build folder, which root would leave files in that its owner cannot replace.
   install(CODE "
     set(program $<TARGET_FILE_NAME:${arg_TARGET}>)
-    foreach(file IN ITEMS \"${out}/${bus}.service\" \"${out}/${service}.service\")
-      configure_file(\"\${file}.in\" \"\${file}\" @ONLY)
+    foreach(file IN ITEMS
+        \"${activation_dir}/${bus}.service\"
+        \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/${service}.service\")
+      set(installed \"\$ENV{DESTDIR}\${file}\")
+      message(STATUS \"Installing: \${installed}\")
+      cmake_path(GET file FILENAME name)
+      configure_file(\"${out}/\${name}.in\" \"\${installed}\" @ONLY
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+      list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${file}\")
     endforeach()")
-  install(FILES ${out}/${bus}.conf DESTINATION ${system_dir}/system.d)
-  install(FILES ${out}/${bus}.service DESTINATION ${system_dir}/system-services)
-  install(FILES ${out}/${service}.service DESTINATION lib/systemd/system)
 endfunction()
