@@ -47,6 +47,7 @@ if(TARGET sennetctl) # with whatever is installed under the component "tools"
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${same_library}")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS dbus-daemon) # for sennet-private-bus
 endif()
 
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
