@@ -57,7 +57,8 @@ class HookScope;
 /// What the bus cannot carry is refused with false and an error line: text and type that are not
 /// UTF-8 or hold a NUL, names that are not legal on D-Bus, and messages over the bus's limit of
 /// 32 MiB (as the library is built by default), in which a buffer takes eight bytes a byte: some
-/// 4 MiB of it. A reply of that kind is replaced by the error reply.
+/// 4 MiB of it. A reply of that kind is replaced by the error reply. An illegal signal name, and a
+/// signal of a proxy, are refused with a debug line alone.
 class __attribute__((visibility("default"))) TCServer
 {
 public:
