@@ -178,7 +178,7 @@ public:
         for (const unsigned int kib : {1U, 64U, 1024U}) {
             const TCMessage buffer = Message("x", kib * 1024);
             const std::vector<unsigned char> bytes(kib * 1024, 7);
-            Row(("buffer of " + std::to_string(kib) + " KiB").c_str(), kib == 1024 ? 9 : 5,
+            Row(("buffer of " + std::to_string(kib) + " KiB").c_str(), 21,
                 kib == 1 ? 100 : (kib == 64 ? 3 : 1), 1, 1.05, [&] { Call(kOurs, buffer); },
                 [&] { RawCall(kRawPath, kSink, "x", bytes); });
         }
