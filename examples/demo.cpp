@@ -25,13 +25,12 @@ class Sensor : public TCServer, public TCTask
 public:
     Sensor() : TCServer(kSensor, SERVER_TYPE_SERVICE), TCTask("sensor") {}
 
-    ~Sensor() override { m_Alarm.Destroy(); } // closed by its scope
-
     bool Start()
     {
         return m_Alarm.Create(this, 200, VELMORA_INFINITY) &&
                m_Alarm.SetAlarmCallback(&Sensor::Measure, this);
     }
+    void Stop() { m_Alarm.Destroy(); } // before its scope closes the server that it sends by
 
 protected:
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
@@ -209,5 +208,6 @@ int main(int argc, char** argv)
     }
     loop.Run();
     std::puts("[sensor ] closing");
+    sensor->Stop();
     return 0;
 }
