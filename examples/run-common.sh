@@ -6,7 +6,7 @@ programs=$1
 start() {
     "$programs/$1" &
     service=$!
-    until busctl --system status "$2" >/dev/null 2>&1; do sleep 0.02; done
+    gdbus wait --system --timeout 20 "$2"
 }
 
 # Ends it, and fails if it did not end well.
