@@ -1,5 +1,6 @@
 #include "Log.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -16,13 +17,13 @@ constexpr int kError = 6;
 std::mutex g_Mutex;
 std::string g_LastError; // under g_Mutex
 
-// Takes off what stands before and behind it.
+// Takes off what stands before and behind it; behind it nothing stands in a line that was cut.
 void Unwrap(std::string& text, const std::string& before, const std::string& behind)
 {
     const std::size_t begin = text.find(before);
-    const std::size_t end = text.rfind(behind);
-    if (begin != std::string::npos && end != std::string::npos && begin + before.size() <= end) {
-        text = text.substr(begin + before.size(), end - begin - before.size());
+    if (begin != std::string::npos) {
+        text.erase(0, begin + before.size());
+        text.resize(std::min(text.size(), text.rfind(behind)));
     }
 }
 
