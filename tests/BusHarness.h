@@ -154,6 +154,19 @@ public:
 
     GDBusConnection* Get() const { return m_Connection; }
 
+    // The process of the bus.
+    pid_t Daemon()
+    {
+        GVariant* const answer = g_dbus_connection_call_sync(
+            m_Connection, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+            "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        guint32 process = 0;
+        g_variant_get(answer, "(u)", &process);
+        g_variant_unref(answer);
+        return static_cast<pid_t>(process);
+    }
+
     // The printed reply of a call, or the error's message.
     std::string Call(const std::string& name, const char* method, const char* body)
     {

@@ -52,18 +52,6 @@ private:
     pid_t m_Process;
 };
 
-pid_t Daemon(RawPeer& peer)
-{
-    GVariant* const answer = g_dbus_connection_call_sync(
-        peer.Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
-        "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    guint32 process = 0;
-    g_variant_get(answer, "(u)", &process);
-    g_variant_unref(answer);
-    return static_cast<pid_t>(process);
-}
-
 // Sends calls and reads nothing, not even that it is welcome.
 class SilentPeer
 {
@@ -219,7 +207,7 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
     TCMessage reply;
     constexpr int kSends = 100;
     std::string replies, signals;
-    for (const pid_t process : {Daemon(raw), foreign.Process()}) {
+    for (const pid_t process : {raw.Daemon(), foreign.Process()}) {
         {
             const Stopped stopped(process);
             for (int i = 0; i < kSends; ++i) {
