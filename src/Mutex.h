@@ -3,7 +3,6 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <utility>
 
 #include "TCMutex.h"
 
@@ -25,7 +24,7 @@ public:
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
-    // Unlocked meanwhile, as ever; for a predicate, use a loop.
+    // Unlocked meanwhile. Returns without a cause at times: what is waited for is asked in a loop.
     void Wait(std::condition_variable& condition) { condition.wait(m_Lock); }
 
 private:
