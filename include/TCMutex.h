@@ -9,6 +9,7 @@
 
 /// Tells clang's `-Wthread-safety` about a lock or what it guards, as in
 /// `int m_Count SENNET_THREAD_SAFETY(guarded_by(m_Mutex));`; nothing to other compilers.
+/// The analysis does not know recursive locks: it warns where one function locks a TCMutex twice.
 #ifdef __clang__
 #define SENNET_THREAD_SAFETY(attribute) __attribute__((attribute))
 #else
