@@ -42,11 +42,16 @@ public:
 /// on to TCEventIO. An exception that leaves it ends a task's process, as in
 /// TCHandler::t_OnEvent().
 /// @param queue may be null, which is refused
-/// @param callable not empty; what it refers to lives until it has run or is destroyed
-/// @return false, with an error line, if the queue does not accept events, see
-///         TCEventIO::SendEvent(); the callable is destroyed then
+/// @param callable an empty one is refused; what it refers to lives until it has run or is
+///                 destroyed
+/// @return false, with a log line, for an empty callable or if the queue does not accept events,
+///         see TCEventIO::SendEvent(); the callable is destroyed then
 inline bool Run(TCEventIO* queue, std::function<void()> callable)
 {
+    if (!callable) {
+        VELMORA_LOG_NULL("callable"); // to call it would end the process
+        return false;
+    }
     auto owned = std::make_unique<std::function<void()>>(std::move(callable));
     TCEvent event;
     event.receiver = queue;

@@ -43,6 +43,8 @@ TEST_F(Convenience, CallableThatDoesNotRunWakesItsWaiter)
     Queue queue;
     const auto run = [&] { return RunAndWait(&queue, [] { ADD_FAILURE(); }); };
     EXPECT_FALSE(RunAndWait(nullptr, [] { return 1; }).has_value());
+    EXPECT_FALSE(Velmora::Run(&queue, nullptr));
+    EXPECT_EQ(CountLog(kWarning, "callable is null"), 1);
     EXPECT_FALSE(run());
     ASSERT_TRUE(queue.Init(loop.Get()));
     const std::function<void()> endings[] = {
