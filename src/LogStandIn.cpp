@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,7 +24,11 @@ namespace {
 constexpr char kLetters[] = "DIWE";
 constexpr int kDebug = 3;
 constexpr int kWarning = 5;
+constexpr int kError = 6;
 constexpr int kNothing = 7;
+
+constexpr char kColourReset[] = "\033[0m";
+constexpr std::size_t kTagMax = 64;
 
 // A longer write to a pipe may be torn apart by another writer.
 constexpr std::size_t kLineMax = PIPE_BUF;
@@ -95,65 +100,74 @@ std::size_t CopyAsLine(const char* text, bool colour, char* out, std::size_t roo
     return used;
 }
 
-// Keeps a standard error whose reader is gone from ending the process: the signal of the failed
-// write is blocked and taken back, unless one was pending before.
-class PipeSignalBlocked
+// Keeps a standard error whose reader is gone, or a file at its size limit, from ending the
+// process: the signals of the failed write are blocked and taken back, unless they were pending
+// before.
+class WriteSignalsBlocked
 {
 public:
-    PipeSignalBlocked()
+    WriteSignalsBlocked()
     {
-        sigemptyset(&m_PipeOnly);
-        sigaddset(&m_PipeOnly, SIGPIPE);
         sigset_t pending;
         sigpending(&pending);
-        m_WasPending = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &m_PipeOnly, &m_Before);
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigemptyset(&m_Caused);
+        for (const int signal : {SIGPIPE, SIGXFSZ}) {
+            sigaddset(&blocked, signal);
+            if (sigismember(&pending, signal) == 0) {
+                sigaddset(&m_Caused, signal);
+            }
+        }
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);
     }
-    ~PipeSignalBlocked()
+    ~WriteSignalsBlocked()
     {
         const timespec now = {0, 0};
-        if (!m_WasPending) {
-            while (sigtimedwait(&m_PipeOnly, nullptr, &now) < 0 && errno == EINTR) {
-            }
+        while (sigtimedwait(&m_Caused, nullptr, &now) > 0 || errno == EINTR) {
         }
         pthread_sigmask(SIG_SETMASK, &m_Before, nullptr);
     }
-    PipeSignalBlocked(const PipeSignalBlocked&) = delete;
-    PipeSignalBlocked& operator=(const PipeSignalBlocked&) = delete;
+    WriteSignalsBlocked(const WriteSignalsBlocked&) = delete;
+    WriteSignalsBlocked& operator=(const WriteSignalsBlocked&) = delete;
 
 private:
-    sigset_t m_PipeOnly;
+    sigset_t m_Caused;
     sigset_t m_Before;
-    bool m_WasPending;
 };
 
+// The priority is one of the four.
 int WriteLine(int priority, const char* tag, const char* format, va_list arguments)
 {
     char text[kLineMax];
     if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
-        return -1;
+        std::snprintf(text, sizeof text, "%s", format); // better than nothing
     }
+    char safeTag[kTagMax + 1];
+    safeTag[CopyAsLine(tag != nullptr ? tag : "", false, safeTag, kTagMax)] = '\0';
 
-    const char letter = kLetters[std::clamp(priority, kDebug, kNothing - 1) - kDebug];
     const bool journal = IsJournal();
     char line[kLineMax];
     int head = 0;
     if (journal) {
         // The journal reads the syslog level of a line from such a prefix (sd-daemon(3)).
         constexpr int levels[] = {7, 6, 4, 3};
-        head = std::snprintf(line, sizeof line, "<%d>",
-                             levels[std::clamp(priority, kDebug, kNothing - 1) - kDebug]);
+        head = std::snprintf(line, sizeof line, "<%d>", levels[priority - kDebug]);
     }
     head += std::snprintf(line + head, sizeof line - static_cast<std::size_t>(head),
-                          "%c/%.64s(%d:%d) ", letter, tag != nullptr ? tag : "",
+                          "%c/%s(%d:%d) ", kLetters[priority - kDebug], safeTag,
                           static_cast<int>(getpid()), static_cast<int>(gettid()));
 
     auto used = static_cast<std::size_t>(head);
     const bool colour = !journal && isatty(STDERR_FILENO) == 1;
-    used += CopyAsLine(text, colour, line + used, sizeof line - used - 1);
+    used += CopyAsLine(text, colour, line + used, sizeof line - used - sizeof kColourReset);
+    if (colour) { // a long line has lost its own
+        used = static_cast<std::size_t>(
+            std::copy(std::begin(kColourReset), std::end(kColourReset) - 1, line + used) - line);
+    }
     line[used++] = '\n';
 
-    const PipeSignalBlocked blocked;
+    const WriteSignalsBlocked blocked;
     ssize_t written = 0;
     do {
         written = write(STDERR_FILENO, line, used);
@@ -169,6 +183,7 @@ extern "C" __attribute__((weak)) int __dlog_print(int /*log_id*/, int priority, 
                                                   const char* format, ...)
 {
     static const int threshold = ReadThreshold();
+    priority = std::min(priority, kError);
     if (priority < threshold || format == nullptr) {
         return 0;
     }
