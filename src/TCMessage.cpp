@@ -128,8 +128,10 @@ TCData& TCData::operator=(const TCData& other)
 
 TCData& TCData::operator=(TCData&& other) noexcept
 {
-    m_Text = std::move(other.m_Text);
-    m_Json = std::move(other.m_Json);
+    if (this != &other) {
+        m_Text = std::move(other.m_Text);
+        m_Json = std::move(other.m_Json);
+    }
     return *this;
 }
 
@@ -139,11 +141,13 @@ bool TCData::Parse()
         return true;
     }
     std::string errors;
-    const bool isJson = JsonTools::OfThread().Read(m_Text, m_Json, errors);
+    Json::Value json; // not into m_Json, where a reader that runs out of memory would leave half
+    const bool isJson = JsonTools::OfThread().Read(m_Text, json, errors);
     if (!isJson) {
-        m_Json = Json::Value();
+        json = Json::Value();
         VELMORA_LOGI("NOT JSON TYPE MESSAGE![%s]", m_Text.c_str());
     }
+    m_Json = std::move(json);
     m_Error = errors.c_str(); // up to the first NUL
     return isJson;
 }
