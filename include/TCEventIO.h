@@ -195,7 +195,8 @@ public:
     /// If the loop has not reached the event after 20 seconds, the event is taken back and its
     /// handler does not run; a handler that is running then is waited for. Once the call has
     /// returned, nothing touches the event again. No OnClear() follows. Before the object goes
-    /// through SendEvent(), clear `sync`: it would be queued by pointer again.
+    /// through SendEvent(), clear `sync`, or it would be queued by pointer again, and `deleted`,
+    /// which a DeleteEvent() may have set meanwhile.
     ///
     /// Not to be called on the thread of the receiver's loop, where it uses up the 20 seconds.
     /// @return true if the queue has accepted the event, also when it was taken back or cleared;

@@ -36,7 +36,8 @@ public:
     /// After a call that failed, IOs that were added before it count as added for the next call,
     /// which finalises what the failed one had initialised and starts afresh. They live until then,
     /// or until the task's destructor, which does not touch them; receivers of events that the
-    /// queue has accepted live until it has cleared them there.
+    /// queue has accepted live until it has cleared them there. A subclass whose own t_Clear() is
+    /// to see these calls Final() in its destructor.
     /// @param name the thread's name; may be null
     /// @param here true: the set-up (t_AddIO(), every Init(), t_Create()) runs on the calling
     ///             thread and is over when the call returns; its failure is the result, and after
@@ -67,7 +68,8 @@ protected:
     virtual bool t_Create();
 
     /// Runs the loop on the task's thread. An override runs #m_TaskLoop itself; the tear-down
-    /// follows when it returns.
+    /// follows when it returns. An EVENT_EXIT_TASK that is dispatched before the loop runs has no
+    /// effect (g_main_loop_quit), so the override does not iterate #m_Context before.
     virtual void t_Main();
 
     /// For subclasses: the task's last word, on its thread, after every Final() and before the loop

@@ -22,26 +22,28 @@ constexpr unsigned long kTakeBackWait = 10000; // microseconds
 constexpr unsigned long kPingWaitMin = 2100;   // microseconds
 
 // What follows OnEvent for an event queued by pointer, also when the handler has thrown: once the
-// sender is answered, the event is not touched any more.
+// sender is answered, the event is not touched any more. The pair is noted before, so that a
+// handler that writes into `param.p` or sends the event on does not keep its sender for ever.
 class Answer
 {
 public:
-    explicit Answer(const TCEvent* event) : m_Event(event) {}
+    explicit Answer(const TCEvent* event) : m_Event(event), m_Pair(event->param.p) {}
     ~Answer()
     {
-        void* const pair = m_Event->param.p;
-        if (pair == nullptr) {
+        if (m_Event->param.p == nullptr) {
             VELMORA_LOGE("param.p should not be NULL!");
-            return;
         }
-        AnswerSyncPair(pair);
-        FreeSyncPair(pair);
+        if (m_Pair != nullptr) {
+            AnswerSyncPair(m_Pair);
+            FreeSyncPair(m_Pair);
+        }
     }
     Answer(const Answer&) = delete;
     Answer& operator=(const Answer&) = delete;
 
 private:
     const TCEvent* m_Event;
+    void* m_Pair;
 };
 
 void DispatchByPointer(const TCEvent* event, TCHandler* receiver)

@@ -110,7 +110,7 @@ bool TCEventIO::m_HasRoomForSure()
     if (m_RunBytes < kPageSize) {
         return true;
     }
-    if (m_RunBytes == kPageSize) {
+    if (m_RunBytes % kPageSize == 0) { // anew for each page: somebody may have shrunk the pipe
         const int size = fcntl(m_PipeFileDes[1], F_GETPIPE_SZ);
         m_PipeSize = size > 0 ? static_cast<std::uint64_t>(size) : 0;
     }

@@ -72,8 +72,8 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
         VELMORA_LOGE("task has a thread already");
         return false;
     }
-    m_DropFailedSetup();
     const FailedSetupMark mark(*this);
+    m_DropFailedSetup();
     if (here && !m_InitMainLoop()) {
         Destroy();
         return false;
@@ -257,6 +257,10 @@ gboolean TCTask::m_InsistOnExit(gpointer data)
     if (!g_main_loop_is_running(task->m_TaskLoop)) {
         return G_SOURCE_REMOVE; // it has quit, and only a handler's nested loop still runs
     }
+    if (task->m_Source == nullptr) { // after a failed read nothing is dispatched any more
+        g_main_loop_quit(task->m_TaskLoop);
+        return G_SOURCE_REMOVE;
+    }
     GSource* const insistence = g_main_current_source();
     if (g_source_get_priority(insistence) == kWhenDrained && task->CountEvent() > 0) {
         return G_SOURCE_CONTINUE; // attached behind a poll that came too early to see the queue's
@@ -273,7 +277,7 @@ gboolean TCTask::m_InsistOnExit(gpointer data)
         return G_SOURCE_CONTINUE;
     case PostResult::PipeFull:
         return G_SOURCE_CONTINUE;
-    default: // nothing is dispatched any more that could end the loop
+    default: // not even a send gets through that could end the loop
         g_main_loop_quit(task->m_TaskLoop);
         return G_SOURCE_REMOVE;
     }

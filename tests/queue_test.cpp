@@ -216,6 +216,20 @@ TEST_F(QueueTest, FullPipeRefusesWithoutWaitingAndLosesNothing)
     }
 }
 
+TEST_F(QueueTest, PipeThatIsShrunkUnderWayStillRefusesWithoutWaiting)
+{
+    for (int i = 0; i < 5000; ++i) {
+        ASSERT_TRUE(Send(&queue, 7));
+    }
+    for (int i = 0; i < 4500; ++i) {
+        loop.Step();
+    }
+    ASSERT_EQ(fcntl(queue.m_PipeFileDes[1], F_SETPIPE_SZ, 4096), 4096);
+    while (Send(&queue, 7)) {
+    }
+    EXPECT_EQ(CountLog(kError, "event io queue is full!"), 1);
+}
+
 TEST_F(QueueTest, DeletedEntriesSkipTheirHandlerOnly)
 {
     Noting<TCHandler> other;

@@ -70,6 +70,26 @@ TEST_F(SyncTest, EventWithoutPairIsTold)
     EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
 }
 
+TEST_F(SyncTest, HandlerThatTouchesThePairStillReleasesItsSender)
+{
+    TCEvent event = Event(&task, 7);
+    task.onEvent = [&](const TCEvent&) { event.param.p = nullptr; };
+    EXPECT_TRUE(SendSyncEvent(&event));
+    EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
+
+    Task other("other");
+    ASSERT_TRUE(other.Create("other"));
+    task.onEvent = [&](const TCEvent&) {
+        event.receiver = &other;
+        EXPECT_TRUE(SendSyncEvent(&event));
+    };
+    event.receiver = &task;
+    EXPECT_TRUE(SendSyncEvent(&event));
+    task.onEvent = nullptr; // the exit event is none of its business
+    other.Destroy();
+    EXPECT_EQ(other.seen, "e7 e1 c1 ");
+}
+
 TEST_F(SyncTest, PingTellsALivingLoopFromAStoppedOne)
 {
     EXPECT_FALSE(TCEventIO::Ping(nullptr, 0));

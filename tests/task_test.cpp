@@ -1,5 +1,7 @@
 // Tasks: set-up, end, and everything that can fail in between.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -40,6 +42,7 @@ public:
     std::string journal;
     std::function<void()> inSetup;
     bool creates = true;
+    using TCTask::m_PipeFileDes;
     IO x{journal, "x"}, y{journal, "y"}, z{journal, "z"};
 
 protected:
@@ -236,6 +239,19 @@ TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
         losing.Destroy();
         EXPECT_EQ(losing.seen, sweep ? "e7 c7 e5 c5 c1 e1 c1 " : "e7 c7 c1 e1 c1 ");
     }
+}
+
+TEST_F(TaskTest, DestroyEndsATaskThatCannotReadItsPipe)
+{
+    ASSERT_TRUE(task.Create("name"));
+    const int kept = dup(task.m_PipeFileDes[0]); // so that the pipe still has a reader
+    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(unreadable, task.m_PipeFileDes[0]);
+    close(unreadable);
+    Send(&task, 7);
+    task.Destroy();
+    close(kept);
+    EXPECT_EQ(task.seen, "c1 ");
 }
 
 TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
