@@ -107,7 +107,7 @@ class Monitor
 public:
     Monitor(bool json, std::vector<std::string> services)
         : m_Output(json), m_Services(std::move(services)), m_Bus(ConnectPrivately()),
-          m_UniqueName(NameOf(m_Bus.get())), m_Loop(m_Bus.get()),
+          m_Loop(m_Bus.get()),
           m_Filter(g_dbus_connection_add_filter(m_Bus.get(), &Monitor::OnMessage, this, nullptr))
     {}
 
@@ -145,21 +145,17 @@ public:
     }
 
 private:
-    static std::string NameOf(GDBusConnection* bus)
-    {
-        return g_dbus_connection_get_unique_name(bus);
-    }
-
     // On GDBus's thread. What is not for this connection must not get on to GDBus, which would
     // answer it, and the bus ends a monitor that sends.
-    static GDBusMessage* OnMessage(GDBusConnection* /*bus*/, GDBusMessage* message,
-                                   gboolean incoming, gpointer data)
+    static GDBusMessage* OnMessage(GDBusConnection* bus, GDBusMessage* message, gboolean incoming,
+                                   gpointer data)
     {
-        auto* const self = static_cast<Monitor*>(data);
         const char* const destination = g_dbus_message_get_destination(message);
-        if (incoming == FALSE || g_strcmp0(destination, self->m_UniqueName.c_str()) == 0) {
+        if (incoming == FALSE ||
+            g_strcmp0(destination, g_dbus_connection_get_unique_name(bus)) == 0) {
             return message;
         }
+        auto* const self = static_cast<Monitor*>(data);
         self->m_Sightings.Put({BusMessagePtr(message), g_get_monotonic_time(), g_get_real_time()});
         g_idle_add(&Monitor::OnSightings, self);
         return nullptr;
@@ -198,7 +194,6 @@ private:
     Traffic m_Traffic;
     Sightings m_Sightings;
     ConnectionPtr m_Bus;
-    const std::string m_UniqueName;
     BusLoop m_Loop;
     const guint m_Filter;
 };
