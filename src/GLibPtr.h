@@ -20,6 +20,7 @@ struct Releaser
 using ErrorPtr = std::unique_ptr<GError, Releaser<g_error_free>>;
 using VariantPtr = std::unique_ptr<GVariant, Releaser<g_variant_unref>>;
 using ConnectionPtr = std::unique_ptr<GDBusConnection, Releaser<g_object_unref>>;
+using ListPtr = std::unique_ptr<GList, Releaser<g_list_free>>; // not its elements
 using LoopPtr = std::unique_ptr<GMainLoop, Releaser<g_main_loop_unref>>;
 using ContextPtr = std::unique_ptr<GMainContext, Releaser<g_main_context_unref>>;
 

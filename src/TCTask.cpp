@@ -72,8 +72,8 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
         VELMORA_LOGE("task has a thread already");
         return false;
     }
-    const FailedSetupMark mark(*this);
     m_DropFailedSetup();
+    const FailedSetupMark mark(*this);
     if (here && !m_InitMainLoop()) {
         Destroy();
         return false;
@@ -96,24 +96,26 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
 }
 
 // Takes back what a failed Create has set up. The IOs that the client had added stay in the list,
-// also those added since; those that the set-up added itself come back with the next one.
+// also those added since; those that the set-up added itself come back with the next one. A Final
+// that throws leaves all as it was.
 void TCTask::m_DropFailedSetup()
 {
     if (m_StaleIOs == 0) {
         return;
     }
-    GList* kept = nullptr;
+    ListPtr kept;
     bool addedBySetup = false;
-    for (const GList* node = m_IOList; node != nullptr; node = node->next) {
+    unsigned int index = 0;
+    for (const GList* node = m_IOList; node != nullptr; node = node->next, ++index) {
         auto* const io = static_cast<TCIOBase*>(node->data);
-        addedBySetup = (addedBySetup || io == this) && m_StaleIOs > 0;
-        m_StaleIOs -= m_StaleIOs > 0 ? 1 : 0;
-        if (!addedBySetup && g_list_find(kept, io) == nullptr) {
-            kept = g_list_append(kept, io);
+        addedBySetup = (addedBySetup || io == this) && index < m_StaleIOs;
+        if (!addedBySetup && g_list_find(kept.get(), io) == nullptr) {
+            kept.reset(g_list_append(kept.release(), io));
         }
     }
     m_Destroy();
-    m_IOList = kept;
+    m_IOList = kept.release();
+    m_StaleIOs = 0;
 }
 
 void* TCTask::m_ThreadProcess(void* data)

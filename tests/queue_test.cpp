@@ -365,7 +365,7 @@ TEST_F(QueueTest, FailedWriteQueuesNothing)
 TEST_F(QueueTest, FailedReadEndsTheDispatchButNotTheSender)
 {
     const int kept = dup(queue.m_PipeFileDes[0]); // so that the pipe still has a reader
-    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const int unreadable = open("/", O_RDONLY | O_CLOEXEC);
     dup2(unreadable, queue.m_PipeFileDes[0]);
     close(unreadable);
     std::thread sender([&] {

@@ -23,8 +23,14 @@ public:
         m_Journal += "+" + m_Name;
         return works && loop != nullptr;
     }
-    void Final() override { m_Journal += "-" + m_Name; }
-    bool works = true;
+    void Final() override
+    {
+        m_Journal += "-" + m_Name;
+        if (!ends) {
+            throw std::runtime_error("client");
+        }
+    }
+    bool works = true, ends = true;
 
 private:
     std::string& m_Journal;
@@ -245,7 +251,7 @@ TEST_F(TaskTest, DestroyEndsATaskThatCannotReadItsPipe)
 {
     ASSERT_TRUE(task.Create("name"));
     const int kept = dup(task.m_PipeFileDes[0]); // so that the pipe still has a reader
-    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const int unreadable = open("/", O_RDONLY | O_CLOEXEC);
     dup2(unreadable, task.m_PipeFileDes[0]);
     close(unreadable);
     Send(&task, 7);
@@ -260,6 +266,9 @@ TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
     EXPECT_THROW(task.Create("name"), std::runtime_error);
     task.inSetup = nullptr;
     task.AddIO(&task.x);
+    task.z.ends = false; // nor is one that cannot be taken back
+    EXPECT_THROW(task.Create("name"), std::runtime_error);
+    task.z.ends = true;
     task.journal.clear();
     EXPECT_TRUE(task.Create("name"));
     EXPECT_TRUE(Send(&task, 7));
