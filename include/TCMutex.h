@@ -24,6 +24,8 @@ namespace Velmora {
 /// count of a TCAlarm, "for ever".
 extern const std::uint64_t VELMORA_INFINITY;
 
+class TCServer;
+
 namespace Internal {
 void AnswerSyncPair(void* pair);
 }
@@ -74,6 +76,7 @@ private:
     [[gnu::visibility("hidden")]] bool m_WaitOnce(unsigned long timeout);
     [[gnu::visibility("hidden")]] bool m_AddOne();
     [[gnu::visibility("hidden")]] void m_GiveKept();
+    [[gnu::visibility("hidden")]] bool m_AwaitUnit(unsigned long timeout);
 
     int m_Count;                    ///< guarded by *m_EventMutex
     GMutex* m_EventMutex = nullptr; ///< owned; null while not created
@@ -114,6 +117,10 @@ public:
     virtual void Destroy();
 
 private:
+    friend class TCServer;
+
+    [[gnu::visibility("hidden")]] bool m_AwaitFree(unsigned long timeout);
+
     TCSemaphore m_Semaphore; ///< its count is 1 while the mutex is free, 0 while it is held
     /// The holder. Atomic because every thread compares it with itself without a lock; only the
     /// holder can have written the asking thread's own value, so that the answer is right for it.

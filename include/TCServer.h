@@ -23,7 +23,8 @@ namespace Velmora {
 
 namespace Internal {
 class HookScope;
-}
+struct Life;
+} // namespace Internal
 
 /// One endpoint on the D-Bus system bus: sends messages to services by their names, receives
 /// messages in its hooks, broadcasts and receives signals.
@@ -251,13 +252,16 @@ protected:
     GDBusNodeInfo* m_NodeInfo = nullptr; ///< one reference
     TCMutex m_ServerMutex; ///< held by create, close and subscriptions; by a send to be counted
     std::atomic<unsigned int> m_SendingCount{0}; ///< sends between their gate and their end
+    std::atomic<bool> m_SendsAwaited{false};     ///< somebody waits for these; under #m_SendsMutex
     TCServerSignalManager m_SignalManager;
     /// @endcond
 
 private:
-    class [[gnu::visibility("hidden")]] SendGate;
+    struct [[gnu::visibility("hidden")]] Callbacks;
     class [[gnu::visibility("hidden")]] MovedCall;
+    class [[gnu::visibility("hidden")]] OperationLock;
     struct [[gnu::visibility("hidden")]] PendingReply;
+    class [[gnu::visibility("hidden")]] SendGate;
 
     [[gnu::visibility("hidden")]] static Internal::HookScope m_EnterEntry(const std::string& name,
                                                                           TCServer* entry);
@@ -266,17 +270,20 @@ private:
     [[gnu::visibility("hidden")]] static Internal::HookScope m_RequireServer(const char* source);
 
     [[gnu::visibility("hidden")]] bool m_IsConnected() const;
-    [[gnu::visibility("hidden")]] bool m_Open(GDBusConnection* connection);
+    [[gnu::visibility("hidden")]] bool m_Open(GDBusConnection* connection,
+                                              const Internal::Life& life);
     [[gnu::visibility("hidden")]] static std::string m_FindService();
     [[gnu::visibility("hidden")]] bool m_CheckNames(std::string& owner, bool enter);
     [[gnu::visibility("hidden")]] bool m_FormBusName();
-    [[gnu::visibility("hidden")]] bool m_OwnNameAndExport(GDBusConnection* connection);
-    [[gnu::visibility("hidden")]] bool m_OwnName(GDBusConnection* connection);
-    [[gnu::visibility("hidden")]] bool m_ExportObject(GDBusConnection* connection);
+    [[gnu::visibility("hidden")]] bool m_OwnNameAndExport(GDBusConnection* connection,
+                                                          const Internal::Life& life);
+    [[gnu::visibility("hidden")]] void m_OwnName(GDBusConnection* connection,
+                                                 const Internal::Life& life);
+    [[gnu::visibility("hidden")]] void m_ExportObject(GDBusConnection* connection,
+                                                      const Internal::Life& life);
+    [[gnu::visibility("hidden")]] void m_SendStartSignal();
     [[gnu::visibility("hidden")]] void m_AwaitSends();
     [[gnu::visibility("hidden")]] void m_ReleaseBus();
-    [[gnu::visibility("hidden")]] static void m_MoveCall(TCEventIO& target,
-                                                         const std::shared_ptr<MovedCall>& call);
     [[gnu::visibility("hidden")]] bool m_SendDirect(TCServer& target, const TCMessage* message,
                                                     TCMessage* reply) const;
     [[gnu::visibility("hidden")]] bool m_SendAsEvent(TCServer& target, const char* dest,
@@ -285,7 +292,7 @@ private:
                                                      const TCMessage* message, bool sync,
                                                      TCMessage* reply, int timeout);
 
-    std::mutex m_SendsMutex;              ///< only for the wait on m_SendingCount
+    std::mutex m_SendsMutex; ///< sends take m_ServerMutex only under it; for the wait on their end
     std::condition_variable m_SendsEnded; ///< m_SendingCount has fallen to 0
 };
 

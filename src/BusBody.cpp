@@ -108,10 +108,8 @@ GVariant* BusBody::Build() const
 
 GVariant* BuildErrorReply()
 {
-    TCMessage reply;
-    reply.SetMessage(kErrorText);
-    const std::string nobody;
-    return BusBody(nobody, reply, BusBody::Use::Reply).Build();
+    static constexpr unsigned char noBuffer = 0;
+    return g_variant_new("(suss@a*)", "", 0U, "", kErrorText, CopyBytes(&noBuffer, 1));
 }
 
 ReceivedBody::ReceivedBody(GVariant* body)
@@ -133,6 +131,13 @@ void ReceivedBody::MoveInto(TCMessage& message)
     text.reset();
     type.reset();
     buffer.reset();
+}
+
+std::unique_ptr<char[]> Unpack(GVariant* body, TCMessage& message)
+{
+    ReceivedBody received(body);
+    received.MoveInto(message);
+    return std::move(received.from);
 }
 
 } // namespace Velmora::Internal

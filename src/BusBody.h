@@ -54,6 +54,7 @@ private:
     unsigned int m_Size = 0;
 };
 
+// Throws nothing: it answers what failed for want of memory, too.
 GVariant* BuildErrorReply();
 
 // The fields of a body that has arrived; one of an unknown shape has none.
@@ -71,5 +72,8 @@ struct ReceivedBody
     std::unique_ptr<unsigned char[]> buffer;
     unsigned int size = 0;
 };
+
+// All of a body that has arrived. Returns the sender's service name.
+std::unique_ptr<char[]> Unpack(GVariant* body, TCMessage& message);
 
 } // namespace Velmora::Internal

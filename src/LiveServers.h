@@ -1,9 +1,9 @@
 // Which servers are alive, and who is inside of them.
 //
-// GDBus hands a callback the plain pointer of its server, and no GDBus call that ends a
-// registration waits for a callback that already runs. So every way into a server leads through a
-// HookScope: it finds out whether the server still takes callbacks, and as long as it stands, the
-// server's destructor waits.
+// A callback of GDBus may begin just before its registration ends and go on after its server is
+// gone, when another server may have the same address; no GDBus call that ends a registration waits
+// for it. So every way into a server leads through a HookScope: it finds out whether the server of
+// that life still takes callbacks, and as long as it stands, the server's destructor waits.
 #pragma once
 
 #include <memory>
@@ -14,39 +14,49 @@ class TCServer;
 
 namespace Velmora::Internal {
 
-// A server's life, which outlasts it. Tells a server from a later one at the same address.
+class OpenCall;
 struct LiveServer;
-using Life = std::shared_ptr<LiveServer>;
 
-// An inbound call on its way to another thread, still without an answer.
-class OpenCall
+// A server from a create to the AwaitHooks or the destructor that ends what the create began; a
+// create after a mere close goes on with the same life. Outlasts the server.
+struct Life
 {
-public:
-    virtual ~OpenCall() = default;
-    virtual void FailAndFlush() = 0;
+    std::shared_ptr<LiveServer> server;
+    unsigned int number = 0;
 };
 
 class LiveServers
 {
 public:
+    // Takes no callbacks until its first create.
     static void Add(TCServer* server);
 
     // For the destructor: no scope finds the server from now on; waits for those of other threads,
     // and fails the calls that have not been handled by then.
     static void Remove(TCServer* server);
 
-    // Between the two no scope opens.
-    static void Quiesce(TCServer* server);
-    static void Resume(TCServer* server);
+    // A create begins and takes callbacks, in a new life if the last one is over.
+    static Life BeginCreate(TCServer* server);
+    // It has ended. Returns whether the server is open and has its name already.
+    static bool EndCreate(const Life& life, bool open);
+    // The server has its name. Returns whether it is open; if not, EndCreate tells.
+    static bool NoteName(const Life& life);
+    // The server has left the bus.
+    static void Close(TCServer* server);
 
-    // Waits for the scopes of other threads.
-    static void AwaitScopes(TCServer* server);
+    // Ends the life: no scope opens from now on.
+    static Life End(TCServer* server);
+    // Waits for the scopes of other threads, and fails the calls that have not been handled by
+    // then.
+    static void AwaitEnd(const Life& life);
 
     static Life Of(TCServer* server);
 
-    // Between the two, the end of the server fails the call, unless that is being destroyed.
-    static void Attach(const Life& life, const std::shared_ptr<OpenCall>& call);
-    static void Detach(const Life& life, const OpenCall* call);
+    // Between the two, a call of the life waits for its answer. The end of the life fails it,
+    // unless it is being destroyed.
+    static void BeginCall(const Life& life, const std::shared_ptr<OpenCall>& call);
+    // Returns whether it was the last one of a server that has left the bus.
+    static bool EndCall(const Life& life, const OpenCall* call);
 };
 
 class HookScope
@@ -54,13 +64,14 @@ class HookScope
 public:
     // Open if the server is alive and takes callbacks.
     explicit HookScope(TCServer* server);
+    // Open if, besides, the life is not over.
     explicit HookScope(const Life& life);
     HookScope() = default;
     HookScope(HookScope&& other) noexcept = default;
     HookScope& operator=(HookScope&&) = delete;
     ~HookScope();
 
-    explicit operator bool() const { return m_Life != nullptr; }
+    explicit operator bool() const { return m_Life.server != nullptr; }
     TCServer* operator->() const { return m_Server; }
     TCServer& operator*() const { return *m_Server; }
     const Life& GetLife() const { return m_Life; }

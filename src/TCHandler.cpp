@@ -127,6 +127,22 @@ void TCSemaphore::m_GiveKept()
     }
 }
 
+// Waits like Try, but takes nothing.
+bool TCSemaphore::m_AwaitUnit(unsigned long timeout)
+{
+    const NativeGuard guard(m_EventMutex);
+    while (m_Count < 1) {
+        if (!m_WaitOnce(timeout)) {
+            return false;
+        }
+    }
+    if (m_Waiters > m_Woken) { // the unit may have been announced to this waiter alone
+        ++m_Woken;
+        g_cond_signal(m_EventCond);
+    }
+    return true;
+}
+
 void TCSemaphore::Destroy()
 {
     if (m_EventMutex == nullptr) {
@@ -187,6 +203,12 @@ void TCMutex::Unlock()
     }
     m_Owner.store(nullptr, std::memory_order_relaxed);
     m_Semaphore.Give();
+}
+
+// Waits until no thread holds the mutex, without taking it. Another one may be faster then.
+bool TCMutex::m_AwaitFree(unsigned long timeout)
+{
+    return m_Semaphore.m_AwaitUnit(timeout);
 }
 
 void TCMutex::Destroy()

@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "BusBody.h"
-#include "GLibPtr.h"
-#include "HeldInput.h"
-#include "LiveServers.h"
+#include "BusConnection.h"
+#include "BusHandle.h"
 #include "MutexGuard.h"
+#include "TCServerCallbacks.h"
+#include "TCServerGate.h"
 
 namespace Velmora {
 
@@ -17,7 +18,6 @@ using namespace Internal;
 namespace {
 
 constexpr char kSuffix[] = ".message";
-constexpr unsigned long kCreateWait = 1000000; // microseconds
 
 // Guards TCServer::m_CreatedDbusServers; held for one operation of the map, never across a call of
 // the bus or of a client.
@@ -205,7 +205,10 @@ bool TCServer::CreateDBusProxy()
 
 bool TCServer::CreateDBusServer()
 {
-    const MutexGuard guard(m_ServerMutex);
+    const OperationLock lock(*this);
+    if (!lock) {
+        return false;
+    }
     VELMORA_LOGI("m_CreateDBus type: %d", static_cast<int>(m_ServerType));
     if (m_FlagOpen) {
         return true;
@@ -214,45 +217,36 @@ bool TCServer::CreateDBusServer()
         m_AwaitSends();
         m_ReleaseBus();
     }
-    GError* raw = nullptr;
-    GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &raw);
-    const ErrorPtr error(raw);
-    if (connection == nullptr) {
-        VELMORA_LOGE("get dbus connection fail!");
-        if (error) {
-            VELMORA_LOGE("(%s %d)", error->message, error->code);
-        }
+    ConnectionPtr connection = ConnectToBus();
+    if (!connection) {
         return false;
     }
-    if (g_dbus_connection_is_closed(connection) != 0) {
-        // GDBus hands out the one that the bus has dropped until its last holder has let go of it.
-        VELMORA_LOGE("get dbus connection fail!");
-        g_object_unref(connection);
-        return false;
-    }
-    g_dbus_connection_set_exit_on_close(connection, FALSE);
-    VELMORA_LOGI("Get dbus connection success : %p", static_cast<void*>(connection));
-    LiveServers::Resume(this);
+    VELMORA_LOGI("Get dbus connection success : %p", static_cast<void*>(connection.get()));
+    const Life life = LiveServers::BeginCreate(this);
     try {
-        m_FlagOpen = m_Open(connection);
+        m_FlagOpen = m_Open(connection.get(), life);
     } catch (...) {
-        m_Connection = connection;
+        m_Connection = connection.release();
+        LiveServers::EndCreate(life, false);
         throw;
     }
     // Only now: a send that finds the connection may read the names.
-    m_Connection = connection;
+    m_Connection = connection.release();
+    if (LiveServers::EndCreate(life, m_FlagOpen)) {
+        m_SendStartSignal();
+    }
     return m_FlagOpen;
 }
 
 // All that a create does on its connection. What it leaves on failure is the close's to release.
-bool TCServer::m_Open(GDBusConnection* connection)
+bool TCServer::m_Open(GDBusConnection* connection, const Life& life)
 {
     switch (m_ServerType) {
     case SERVER_TYPE_PROXY:
         return true;
     case SERVER_TYPE_SERVICE:
     case SERVER_TYPE_ACTIVITY:
-        if (!m_FormBusName() || !m_OwnNameAndExport(connection)) {
+        if (!m_FormBusName() || !m_OwnNameAndExport(connection, life)) {
             return false;
         }
         // Another create may have taken the service name since it was first looked at.
@@ -320,49 +314,58 @@ bool TCServer::m_FormBusName()
     return true;
 }
 
-bool TCServer::m_OwnNameAndExport(GDBusConnection* connection)
-{
-    const HeldInput held(connection);
-    return m_OwnName(connection) && m_ExportObject(connection);
-}
-
-bool TCServer::m_OwnName(GDBusConnection* connection)
+bool TCServer::m_OwnNameAndExport(GDBusConnection* connection, const Life& life)
 {
     if (IsInterfaceName(m_DBusName)) { // which it becomes, too
-        constexpr auto flags = static_cast<GBusNameOwnerFlags>(
-            G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
-        m_OwnerId = g_bus_own_name_on_connection(connection, m_DBusName.c_str(), flags,
-                                                 &m_OnNameAcquired, &m_OnNameLost, this, nullptr);
+        char xml[2048];
+        // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): the one literal there is
+        std::snprintf(xml, sizeof xml, kInterfaceXml, m_DBusName.c_str());
+        m_NodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
+        m_ObjectPath = TCServerHelper::GetObjectPath(m_DBusName);
+        // Nothing slow in between, and no log line: the whole process's input waits.
+        const HeldInput held;
+        m_OwnName(connection, life);
+        if (m_NodeInfo != nullptr) {
+            m_ExportObject(connection, life);
+        }
     }
     if (m_OwnerId == 0) {
         VELMORA_LOGE("Request bus name fail!");
         return false;
     }
     VELMORA_LOGI("RequestName(%s) success : %u", m_DBusName.c_str(), m_OwnerId);
-    m_ObjectPath = TCServerHelper::GetObjectPath(m_DBusName);
-    return true;
-}
-
-bool TCServer::m_ExportObject(GDBusConnection* connection)
-{
-    char xml[2048];
-    // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): the one literal there is
-    std::snprintf(xml, sizeof xml, kInterfaceXml, m_DBusName.c_str());
-    m_NodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
     if (m_NodeInfo == nullptr) {
         VELMORA_LOGE("parse interface xml fail!");
         return false;
     }
     VELMORA_LOGI("Register Obj Path(%s)", m_ObjectPath.c_str());
-    m_RegistrationId = g_dbus_connection_register_object(connection, m_ObjectPath.c_str(),
-                                                         m_NodeInfo->interfaces[0], &m_gVTable,
-                                                         this, nullptr, nullptr);
     VELMORA_LOGI("Get register id : %u", m_RegistrationId);
     if (m_RegistrationId == 0) {
         VELMORA_LOGE("Register Obj Path Fail!");
         return false;
     }
     return true;
+}
+
+void TCServer::m_OwnName(GDBusConnection* connection, const Life& life)
+{
+    constexpr auto flags = static_cast<GBusNameOwnerFlags>(
+        G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
+    BusHandle* const handle = new NameHandle(life); // NameHandle::Free frees it
+    m_OwnerId = g_bus_own_name_on_connection(connection, m_DBusName.c_str(), flags,
+                                             &Callbacks::NameAcquired, &Callbacks::NameLost, handle,
+                                             &NameHandle::Free);
+}
+
+void TCServer::m_ExportObject(GDBusConnection* connection, const Life& life)
+{
+    std::unique_ptr<BusHandle> handle(new ObjectHandle(life, connection, m_ObjectPath));
+    m_RegistrationId = g_dbus_connection_register_object(
+        connection, m_ObjectPath.c_str(), m_NodeInfo->interfaces[0], &Callbacks::callTable,
+        handle.get(), &FreeHandle, nullptr);
+    if (m_RegistrationId != 0) {
+        static_cast<void>(handle.release()); // FreeHandle frees it
+    }
 }
 
 void TCServer::CloseDBusProxy()
@@ -393,18 +396,10 @@ void TCServer::CloseDBusServer()
     m_FlagOpen = false;
 }
 
-// With m_ServerMutex held no further send passes the gate.
-void TCServer::m_AwaitSends()
-{
-    std::unique_lock<std::mutex> lock(m_SendsMutex);
-    m_SendsEnded.wait(lock, [this] { return m_SendingCount == 0; });
-}
-
 void TCServer::m_ReleaseBus()
 {
-    GDBusConnection* const connection = m_Connection;
-    // GDBus only queues what is sent without an answer; what a send has accepted leaves first.
-    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+    const ConnectionPtr held(m_Connection.exchange(nullptr));
+    GDBusConnection* const connection = held.get();
     std::vector<unsigned int> subscriptions;
     m_SignalManager.Destroy(subscriptions);
     for (const unsigned int id : subscriptions) {
@@ -419,50 +414,27 @@ void TCServer::m_ReleaseBus()
     if (m_NodeInfo != nullptr) {
         g_dbus_node_info_unref(std::exchange(m_NodeInfo, nullptr));
     }
-    g_object_unref(m_Connection.exchange(nullptr));
+    // From here on the last answer waits until it has left. What was sent and answered before has
+    // only been queued by GDBus.
+    LiveServers::Close(this);
+    FlushWithinLimit(connection);
 }
 
 bool TCServer::AwaitHooks()
 {
-    {
-        const MutexGuard guard(m_ServerMutex);
-        if (m_Connection != nullptr) {
-            VELMORA_LOGE("%s is not closed", m_ServiceName.c_str());
-            return false;
-        }
-        LiveServers::Quiesce(this);
+    OperationLock lock(*this);
+    if (!lock) {
+        return false;
     }
-    LiveServers::AwaitScopes(this);
+    if (m_Connection != nullptr) {
+        lock.Unlock();
+        VELMORA_LOGE("%s is not closed", m_ServiceName.c_str());
+        return false;
+    }
+    const Life life = LiveServers::End(this);
+    lock.Unlock();
+    LiveServers::AwaitEnd(life);
     return true;
-}
-
-void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const char* /*name*/,
-                                void* userData)
-{
-    VELMORA_LOGI("");
-    if (userData == nullptr) {
-        VELMORA_LOG_NULL("pThis");
-        return;
-    }
-    const HookScope server(static_cast<TCServer*>(userData));
-    if (!server) {
-        return;
-    }
-    // The create that has asked for the name may not be over yet, and a send would not wait for it.
-    if (server->m_ServerMutex.Try(kCreateWait)) {
-        server->m_ServerMutex.Unlock();
-    }
-    TCMessage message;
-    message.m_Json["service_name"] = server->m_ServiceName;
-    server->SendSignal("service_start_default", &message);
-}
-
-void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const char* /*name*/, void* userData)
-{
-    VELMORA_LOGI("");
-    if (userData == nullptr) {
-        VELMORA_LOG_NULL("pThis");
-    }
 }
 
 } // namespace Velmora

@@ -1,44 +1,48 @@
-// A send between its gate and its end.
+// A send between its gate and its end, and what waits for such sends.
 #pragma once
 
 #include "TCServer.h"
 
 namespace Velmora {
 
-// CloseDBusServer waits for the open ones. It does not open while a close, a create or a
-// subscription holds the server's mutex for long.
+// CloseDBusServer waits for the open ones. It does not open while something other than a send, so a
+// close, a create or a subscription, holds the server's mutex for long.
 class TCServer::SendGate
 {
 public:
-    explicit SendGate(TCServer& server) : m_Server(server), m_Open(server.m_ServerMutex.Try(kWait))
-    {
-        if (!m_Open) {
-            VELMORA_LOGE("Server is going to be closed!");
-            return;
-        }
-        ++m_Server.m_SendingCount;
-        m_Server.m_ServerMutex.Unlock();
-    }
-    ~SendGate()
-    {
-        if (m_Open) {
-            // Under the lock, and nothing after it: the closer may go on to destroy the server.
-            const std::lock_guard<std::mutex> lock(m_Server.m_SendsMutex);
-            if (--m_Server.m_SendingCount == 0) {
-                m_Server.m_SendsEnded.notify_all();
-            }
-        }
-    }
+    explicit SendGate(TCServer& server);
+    ~SendGate();
     SendGate(const SendGate&) = delete;
     SendGate& operator=(const SendGate&) = delete;
 
     explicit operator bool() const { return m_Open; }
 
-private:
-    static constexpr unsigned long kWait = 1000; // microseconds
+    // Whether the calling thread is inside a send of the server.
+    static bool IsInside(const TCServer& server);
 
+private:
     TCServer& m_Server;
-    bool m_Open;
+    bool m_Open = false;
+    const SendGate* m_Outer = nullptr; // of the same thread
+};
+
+// Holds m_ServerMutex for an operation that a hook may call inside a send of the same server, for
+// which another thread's close may be waiting: neither would ever go on. So there it is not held,
+// with an error line, as soon as a close waits.
+class TCServer::OperationLock
+{
+public:
+    explicit OperationLock(TCServer& server);
+    ~OperationLock() { Unlock(); }
+    OperationLock(const OperationLock&) = delete;
+    OperationLock& operator=(const OperationLock&) = delete;
+
+    explicit operator bool() const { return m_Held; }
+    void Unlock();
+
+private:
+    TCServer& m_Server;
+    bool m_Held = false;
 };
 
 } // namespace Velmora

@@ -1,14 +1,14 @@
 // Calls that arrive over the bus: unpacked, moved to a queue's thread where the client says so,
 // handled and answered.
-#include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "BusBody.h"
-#include "GLibPtr.h"
-#include "LiveServers.h"
-#include "TCServer.h"
+#include "BusHandle.h"
+#include "OpenCall.h"
+#include "TCServerCallbacks.h"
 
 namespace Velmora {
 
@@ -16,100 +16,107 @@ using namespace Internal;
 
 namespace {
 
-// An open invocation: gets the error reply unless another answer has consumed it.
-class Invocation
+// What a call has brought, for its hooks.
+struct Arrived
 {
-public:
-    explicit Invocation(GDBusMethodInvocation* invocation) : m_Invocation(invocation) {}
-    ~Invocation()
-    {
-        if (m_Invocation != nullptr) {
-            Answer(BuildErrorReply());
-        }
-    }
-    Invocation(const Invocation&) = delete;
-    Invocation& operator=(const Invocation&) = delete;
-
-    void Answer(GVariant* body)
-    {
-        g_dbus_method_invocation_return_value(std::exchange(m_Invocation, nullptr), body);
-    }
-    GDBusMethodInvocation* Release() { return std::exchange(m_Invocation, nullptr); }
-
-private:
-    GDBusMethodInvocation* m_Invocation;
+    std::unique_ptr<char[]> from;
+    std::unique_ptr<TCMessage> message;
 };
+
+Arrived UnpackCall(GVariant* parameters)
+{
+    ReceivedBody body(parameters);
+    VELMORA_LOGI("from[%s] [%s]", body.from ? body.from.get() : "null",
+                 body.text ? body.text.get() : "null");
+    Arrived arrived{nullptr, std::make_unique<TCMessage>()};
+    body.MoveInto(*arrived.message);
+    arrived.from = std::move(body.from);
+    return arrived;
+}
 
 } // namespace
 
 // A call on its way to the thread that handles it. Wherever it ends up without having been handled,
 // in a queue that is cleared or with a server that is gone, its caller gets the error reply.
-class TCServer::MovedCall : public OpenCall
+class TCServer::MovedCall
 {
 public:
-    MovedCall(Life life, std::unique_ptr<char[]> from, std::unique_ptr<TCMessage> message,
-              GDBusMethodInvocation* invocation)
-        : m_Life(std::move(life)), m_From(std::move(from)), m_Message(std::move(message)),
-          m_Invocation(invocation)
+    MovedCall(std::shared_ptr<OpenCall> call, Arrived arrived)
+        : m_Call(std::move(call)), m_Arrived(std::move(arrived))
     {}
-    ~MovedCall() override
-    {
-        LiveServers::Detach(m_Life, this);
-        const Invocation unhandled(m_Invocation.exchange(nullptr));
-    }
-    MovedCall(const MovedCall&) = delete;
-    MovedCall& operator=(const MovedCall&) = delete;
 
     void Handle()
     {
-        const HookScope server(m_Life);
-        if (server) {
-            server->m_HandleMsg(m_From.release(), m_Message.release(),
-                                m_Invocation.exchange(nullptr));
+        if (const HookScope server(m_Call->GetLife()); server) {
+            HandleNow(*server, *m_Call, m_Arrived);
         }
     }
 
-    // By the end of the server, after which perhaps nobody holds the connection any more; what it
-    // has not sent by then is lost.
-    void FailAndFlush() override
+    static void HandleNow(TCServer& server, OpenCall& call, Arrived& arrived)
     {
-        GDBusMethodInvocation* const unhandled = m_Invocation.exchange(nullptr);
-        if (unhandled == nullptr) {
-            return;
+        if (GDBusMethodInvocation* const invocation = call.Take(); invocation != nullptr) {
+            server.m_HandleMsg(arrived.from.release(), arrived.message.release(), invocation);
+            call.Answered();
         }
-        const ConnectionPtr connection(static_cast<GDBusConnection*>(
-            g_object_ref(g_dbus_method_invocation_get_connection(unhandled))));
-        {
-            const Invocation failed(unhandled);
-        }
-        g_dbus_connection_flush_sync(connection.get(), nullptr, nullptr);
     }
 
-    const Life m_Life;
+    static bool Send(TCEventIO& target, const std::shared_ptr<MovedCall>& call)
+    {
+        VELMORA_LOGI("send internal event");
+        auto callable = std::make_unique<std::function<void()>>([call] { call->Handle(); });
+        TCEvent event;
+        event.receiver = &target;
+        event.id = EVENT_EXECUTE_FUNCTION;
+        event.param.p = callable.get();
+        if (!TCEventIO::SendEvent(&event)) {
+            return false;
+        }
+        static_cast<void>(callable.release()); // t_Clear of the queue frees it
+        VELMORA_LOGI("send internal event success");
+        return true;
+    }
 
 private:
-    std::unique_ptr<char[]> m_From;
-    std::unique_ptr<TCMessage> m_Message;
-    // Taken by the queue's thread to be handled, or by the one that ends the server.
-    std::atomic<GDBusMethodInvocation*> m_Invocation;
+    const std::shared_ptr<OpenCall> m_Call;
+    Arrived m_Arrived;
 };
+
+const GDBusInterfaceVTable TCServer::Callbacks::callTable = {
+    &Callbacks::Call, nullptr, nullptr, {}};
 
 void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*sender*/,
                                 const char* /*path*/, const char* /*interfaceName*/,
                                 const char* methodName, GVariant* parameters,
-                                GDBusMethodInvocation* rawInvocation, void* userData)
+                                GDBusMethodInvocation* invocation, void* userData)
 {
     VELMORA_LOGI("");
-    Invocation invocation(rawInvocation);
     if (userData == nullptr) {
         VELMORA_LOGE("pThis NULL");
+        const Invocation refused(invocation);
         return;
     }
-    const HookScope server(static_cast<TCServer*>(userData));
+    Callbacks::DeliverCall(HookScope(static_cast<TCServer*>(userData)), methodName, parameters,
+                           invocation);
+}
+
+void TCServer::Callbacks::Call(GDBusConnection* /*connection*/, const char* /*sender*/,
+                               const char* /*path*/, const char* /*interfaceName*/,
+                               const char* methodName, GVariant* parameters,
+                               GDBusMethodInvocation* invocation, void* handle)
+{
+    VELMORA_LOGI("");
+    DeliverCall(HookScope(BusHandle::LifeOf(handle)), methodName, parameters, invocation);
+}
+
+// What runs out of memory before a hook has the message is answered with the error reply; what a
+// hook throws is the client's.
+void TCServer::Callbacks::DeliverCall(const HookScope& server, const char* methodName,
+                                      GVariant* parameters, GDBusMethodInvocation* rawInvocation)
+{
+    Invocation invocation(rawInvocation);
     if (!server) {
         return;
     }
-
     if (g_strcmp0(methodName, "SendMessage") == 0) {
         VELMORA_LOGI("SendMessage");
     } else if (g_strcmp0(methodName, "SendMessageWithBuffer") == 0) {
@@ -118,35 +125,32 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*s
         VELMORA_LOGE("error method name : %s", methodName);
         return;
     }
-    ReceivedBody body(parameters);
-    VELMORA_LOGI("from[%s] [%s]", body.from ? body.from.get() : "null",
-                 body.text ? body.text.get() : "null");
-    auto message = std::make_unique<TCMessage>();
-    body.MoveInto(*message);
+    std::shared_ptr<OpenCall> call;
+    Arrived arrived;
+    try {
+        call = OpenCall::Begin(server.GetLife(), invocation.Release());
+        arrived = UnpackCall(parameters);
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("out of memory: a call is not handled");
+        return;
+    }
 
     TCEventIO* target = nullptr;
-    if (server->IfTransferMessage(body.from.get(), message.get(), target) && target != nullptr) {
-        m_MoveCall(*target, std::make_shared<MovedCall>(server.GetLife(), std::move(body.from),
-                                                        std::move(message), invocation.Release()));
+    if (server->IfTransferMessage(arrived.from.get(), arrived.message.get(), target) &&
+        target != nullptr) {
+        std::shared_ptr<MovedCall> moved;
+        try {
+            moved = std::make_shared<MovedCall>(std::move(call), std::move(arrived));
+            if (MovedCall::Send(*target, moved)) {
+                return;
+            }
+        } catch (const std::bad_alloc&) {
+            VELMORA_LOGE("out of memory: a call is not handled");
+            return;
+        }
+        moved->Handle();
     } else {
-        server->m_HandleMsg(body.from.release(), message.release(), invocation.Release());
-    }
-}
-
-void TCServer::m_MoveCall(TCEventIO& target, const std::shared_ptr<MovedCall>& call)
-{
-    VELMORA_LOGI("send internal event");
-    LiveServers::Attach(call->m_Life, call);
-    auto callable = std::make_unique<std::function<void()>>([call] { call->Handle(); });
-    TCEvent event;
-    event.receiver = &target;
-    event.id = EVENT_EXECUTE_FUNCTION;
-    event.param.p = callable.get();
-    if (TCEventIO::SendEvent(&event)) {
-        static_cast<void>(callable.release()); // t_Clear of the queue frees it
-        VELMORA_LOGI("send internal event success");
-    } else {
-        call->Handle();
+        MovedCall::HandleNow(*server, *call, arrived);
     }
 }
 
@@ -160,12 +164,16 @@ void TCServer::m_HandleMsg(const char* rawFrom, const TCMessage* rawMessage,
         const std::unique_ptr<const TCMessage> message(rawMessage);
         IfMessageReceived(from.get(), message.get(), &reply, nullptr);
     }
-    const BusBody body(m_ServiceName, reply, BusBody::Use::Reply);
-    if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
-        VELMORA_LOGE("cannot reply: %s", reason);
-        return;
+    try {
+        const BusBody body(m_ServiceName, reply, BusBody::Use::Reply);
+        if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
+            VELMORA_LOGE("cannot reply: %s", reason);
+            return;
+        }
+        invocation.Answer(body.Build());
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("cannot reply: out of memory");
     }
-    invocation.Answer(body.Build());
 }
 
 } // namespace Velmora

@@ -1,6 +1,7 @@
 // Messages of a client, by one of three routes: a call inside the process, an event to a queue of
 // the process, or a call over the bus.
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "BusBody.h"
@@ -192,9 +193,14 @@ bool TCServer::m_SendOverBus(const char* dest, std::string target, const TCMessa
         VELMORA_LOGE("Fail to invoking sync message call(%s %d)", error->message, error->code);
     }
     if (answer) {
-        ReceivedBody(answer.get()).MoveInto(*reply);
-        if (reply->Parse() && SaysFail(*reply)) {
-            VELMORA_LOGE("send sync message fail: %s", reply->GetMessage().c_str());
+        try {
+            Unpack(answer.get(), *reply);
+            if (reply->Parse() && SaysFail(*reply)) {
+                VELMORA_LOGE("send sync message fail: %s", reply->GetMessage().c_str());
+                success = false;
+            }
+        } catch (const std::bad_alloc&) {
+            VELMORA_LOGE("out of memory: the answer of %s is not taken", target.c_str());
             success = false;
         }
     }
@@ -229,13 +235,20 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, void* 
         VELMORA_LOGE("dbus finish fail!");
         return;
     }
-    ReceivedBody received(answer.get());
     TCMessage message;
-    received.MoveInto(message);
-    unsigned char* buffer = nullptr;
-    if (!message.m_Type.empty() || !message.GetMessage().empty() ||
-        message.GetBuffer(buffer) != 0) {
-        server->IfMessageReplied(received.from.get(), &message);
+    std::unique_ptr<char[]> from;
+    bool empty = true;
+    try {
+        from = Unpack(answer.get(), message);
+        unsigned char* buffer = nullptr;
+        empty = message.m_Type.empty() && message.GetMessage().empty() &&
+                message.GetBuffer(buffer) == 0;
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("out of memory: an answer is dropped");
+        return;
+    }
+    if (!empty) {
+        server->IfMessageReplied(from.get(), &message);
     }
 }
 

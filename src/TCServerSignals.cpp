@@ -1,11 +1,10 @@
 // Signals: emitted on the calling thread, subscribed at GDBus, and delivered to the client.
 #include <memory>
+#include <new>
 
 #include "BusBody.h"
-#include "GLibPtr.h"
-#include "LiveServers.h"
-#include "MutexGuard.h"
-#include "TCServer.h"
+#include "BusHandle.h"
+#include "TCServerCallbacks.h"
 #include "TCServerGate.h"
 
 namespace Velmora {
@@ -70,7 +69,10 @@ bool TCServer::SubscribeSignal(const char* from, const char* signal, TCSignalCal
         VELMORA_LOG_NULL("signal");
         return false;
     }
-    const MutexGuard guard(m_ServerMutex);
+    const OperationLock lock(*this);
+    if (!lock) {
+        return false;
+    }
     unsigned int id = 0;
     std::string key;
     switch (m_SubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE, id, key)) {
@@ -107,9 +109,10 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signal,
     }
     VELMORA_LOGI("Begin subscribe signal");
     if ((from == nullptr || IsInterfaceName(interface)) && IsMemberName(signal)) {
+        BusHandle* const handle = new SubscriptionHandle(LiveServers::Of(this), interface, signal);
         id = g_dbus_connection_signal_subscribe(
             m_Connection, nullptr, from != nullptr ? interface.c_str() : nullptr, signal, nullptr,
-            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &m_DSignalHandler, this, nullptr);
+            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Callbacks::Signal, handle, &FreeHandle);
     }
     if (id == 0) {
         VELMORA_LOGE("fail to subscribe signal");
@@ -134,8 +137,8 @@ bool TCServer::UnSubscribeSignal(const char* from, const char* signal)
         VELMORA_LOG_NULL("signal");
         return false;
     }
-    const MutexGuard guard(m_ServerMutex);
-    return m_UnSubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE);
+    const OperationLock lock(*this);
+    return lock && m_UnSubscribeSignal(from, signal, TCServerSignalManager::SIGNAL_TYPE_NATIVE);
 }
 
 bool TCServer::m_UnSubscribeSignal(const char* from, const char* signal,
@@ -176,45 +179,78 @@ bool TCServer::UnSubscribeKeySignal(const char* source, const char* name, const 
     return server && server->UnSubscribeKeySignal(name, key);
 }
 
+namespace {
+
+bool IsNamed(const char* sender, const char* path, const char* interfaceName,
+             const char* signalName)
+{
+    if (interfaceName == nullptr) {
+        VELMORA_LOG_NULL("interfaceName");
+        return false;
+    }
+    if (signalName == nullptr) {
+        VELMORA_LOG_NULL("signalName");
+        return false;
+    }
+    VELMORA_LOGI("sender(%s) object(%s) interface(%s) signal(%s)", sender, path, interfaceName,
+                 signalName);
+    return true;
+}
+
+} // namespace
+
 void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sender,
                                 const char* path, const char* interfaceName, const char* signalName,
                                 GVariant* parameters, void* userData)
 {
-    if (interfaceName == nullptr) {
-        VELMORA_LOG_NULL("interfaceName");
+    if (!IsNamed(sender, path, interfaceName, signalName)) {
         return;
     }
-    if (signalName == nullptr) {
-        VELMORA_LOG_NULL("signalName");
-        return;
-    }
-    VELMORA_LOGI("sender(%s) object(%s) interface(%s) signal(%s)", sender, path, interfaceName,
-                 signalName);
     if (userData == nullptr) {
         VELMORA_LOG_NULL("pThis");
         return;
     }
-    const HookScope server(static_cast<TCServer*>(userData));
+    Callbacks::DeliverSignal(HookScope(static_cast<TCServer*>(userData)), interfaceName, signalName,
+                             parameters);
+}
+
+void TCServer::Callbacks::Signal(GDBusConnection* /*connection*/, const char* sender,
+                                 const char* path, const char* interfaceName,
+                                 const char* signalName, GVariant* parameters, void* handle)
+{
+    if (IsNamed(sender, path, interfaceName, signalName)) {
+        DeliverSignal(HookScope(BusHandle::LifeOf(handle)), interfaceName, signalName, parameters);
+    }
+}
+
+void TCServer::Callbacks::DeliverSignal(const HookScope& server, const char* interfaceName,
+                                        const char* signalName, GVariant* parameters)
+{
     if (!server) {
         return;
     }
-    const std::string key = std::string(interfaceName) + "." + signalName;
     TCSignalCallback callback = nullptr;
     void* callbackData = nullptr;
-    if (!server->m_SignalManager.GetHandlerForNativeSignal(signalName, key, callback,
-                                                           callbackData)) {
-        VELMORA_LOGI("no register info of %s", key.c_str());
+    std::unique_ptr<char[]> from;
+    TCMessage message;
+    try {
+        const std::string key = std::string(interfaceName) + "." + signalName;
+        if (!server->m_SignalManager.GetHandlerForNativeSignal(signalName, key, callback,
+                                                               callbackData)) {
+            VELMORA_LOGI("no register info of %s", key.c_str());
+            return;
+        }
+        VELMORA_LOGI("begin to analyze signal of %s", key.c_str());
+        from = Unpack(parameters, message);
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("out of memory: a signal is dropped");
         return;
     }
-    VELMORA_LOGI("begin to analyze signal of %s", key.c_str());
-    ReceivedBody received(parameters);
-    TCMessage message;
-    received.MoveInto(message);
     if (callback != nullptr) {
-        callback(received.from.get(), signalName, &message, callbackData);
+        callback(from.get(), signalName, &message, callbackData);
     } else {
         TCMessage reply;
-        server->IfMessageReceived(received.from.get(), &message, &reply, signalName);
+        server->IfMessageReceived(from.get(), &message, &reply, signalName);
     }
 }
 
