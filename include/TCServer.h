@@ -42,18 +42,24 @@ struct Life;
 /// one; for IfMessageReplied() the context that was thread-default where SendMessage() was called.
 /// Without such a loop no hook runs, and what arrives piles up. A send inside one process runs the
 /// target's IfMessageReceived() on the calling thread, several at once if several threads send. A
+/// call that IfTransferMessage() gives to a queue runs there one after the other; but one that
+/// finds the queue full runs on the dispatch thread, at the same time as another on the queue's. A
 /// hook that throws on the dispatch thread ends the process.
 ///
-/// Lifetime. Whatever arrives for a server that has been destroyed touches nothing, and the
-/// destructor waits for hooks that run on other threads. But by then the derived class is gone: a
+/// Lifetime. A server takes callbacks from its first create on. Whatever arrives for one that has
+/// been destroyed touches nothing, not even another one at the same address, and the destructor
+/// waits for hooks that run on other threads. But by then the derived class is gone: a
 /// derived class whose hooks run on other threads calls AwaitHooks() between the close and its own
 /// destruction, its destructor's first line at the latest. A hook must not destroy its own server,
 /// and not two hooks of one server may call AwaitHooks() at once: they would wait for each other.
 ///
 /// What may overlap. On one server, sends, subscriptions, create, close and AwaitHooks() may be
 /// called on any threads at once; a send that finds a create, a close or a subscription at work for
-/// more than a millisecond gives false ("Server is going to be closed!"). IsServiceAvailable() must
-/// not overlap a close. Nothing may overlap the destructor.
+/// more than a millisecond gives false ("Server is going to be closed!"). A subscription waits for a
+/// create or a close on another thread; but inside a send of the server (in a hook that a send within
+/// the process runs) it returns false, with an error line, once a close waits for that send, and so
+/// does AwaitHooks(). IsServiceAvailable() must not overlap a close. Nothing may overlap the
+/// destructor.
 ///
 /// What the bus cannot carry is refused with false and an error line: text and type that are not
 /// UTF-8 or hold a NUL, names that are not legal on D-Bus, and messages over the bus's limit of
@@ -71,7 +77,9 @@ public:
     };
 
     /// Touches no bus.
-    /// @param name the service name
+    /// @param name the service name, in UTF-8. With another one the server opens, since its bus name
+    ///             is made legal, but every send and every answer of it is refused: each carries
+    ///             the name.
     /// @param type fixed for good
     TCServer(std::string name, TCServerType type);
 
@@ -83,9 +91,10 @@ public:
     /// Connects to the system bus and, for a service or an activity, requests the name, exports the
     /// object and enters the server among those of the process. Whether the bus grants the name
     /// shows later: the signal "service_start_default" goes out when it does.
-    /// Blocks until the bus is reached. Fails while anyone in the process still holds a connection
-    /// that the bus has dropped: close all servers first, and let the main loop run. Not to be
-    /// called inside a send of this server: after a failed create it waits for those.
+    /// Blocks until the bus is reached, and fails within 60 seconds if it does not answer. All
+    /// servers of the process share GDBus's connection to the system bus. Where the bus has dropped
+    /// that, while another part of the process still holds it, they share one of the library's own.
+    /// Do not call it inside a send of this server: after a failed create it waits for those.
     /// @return whether the server is open; what a failed call leaves is released by the next one or
     ///         by CloseDBusServer()
     bool CreateDBusServer();
@@ -94,19 +103,22 @@ public:
     bool CreateDBusProxy();
 
     /// Closes whatever the server holds, in any state. Waits for sends of this server that are
-    /// under way; those that come meanwhile are refused. Blocks until the bus has taken what was
-    /// sent. Not to be called inside a send of this server, nor where such a send waits for this
-    /// thread.
+    /// under way; those that come meanwhile are refused. Blocks until what was sent and answered has
+    /// left the process: on a bus that takes nothing for 5 seconds, after which an error line says
+    /// that something is left unsent, besides 25 seconds for giving up the name. Do not call it
+    /// inside a send of this server, nor where such a send waits for this thread.
     void CloseDBusServer();
 
     /// The same operation.
     void CloseDBusProxy();
 
     /// For a closed server: waits until no hook or callback of it runs on another thread, and lets
-    /// none start before the next create. Late replies, moved messages and signals are then
-    /// dropped, calls get the error reply. May be called inside a hook, for whose own end it does
-    /// not wait.
-    /// @return false, with an error line, on a server that is not closed
+    /// none start before the next create. Late replies, moved messages and signals are dropped,
+    /// calls that are not handled yet get the error reply. When it returns, every answer has left
+    /// the process, within the limits of CloseDBusServer(). May be called inside a hook, for whose
+    /// own end it does not wait.
+    /// @return false, with an error line, on a server that is not closed, and inside a send of it
+    ///         for which a close waits
     bool AwaitHooks();
 
     /// Writes an error line: a server has no loop of its own.
@@ -122,6 +134,18 @@ public:
     /// Inside one process a synchronous send calls the target's hook on the calling thread, and an
     /// asynchronous one without a reply goes through the target's queue if the target is a
     /// TCEventIO; everything else goes over the bus.
+    ///
+    /// What goes through a queue is sent once more when its turn has come, on the queue's thread,
+    /// as a synchronous send from the same sender, and what becomes of that is told to nobody. So
+    /// true means accepted, not handled:
+    /// - A proxy is not found then, and all of its messages are dropped. So are those of a sender
+    ///   that has been closed meanwhile, or is just being closed, created or subscribed.
+    /// - A target that has been closed meanwhile is looked for on the bus: the message leaves as a
+    ///   synchronous call, for whose answer, or timeout, the queue's thread waits.
+    ///
+    /// Where a message must not get lost, ask for a reply, which takes it over the bus; or close
+    /// sender and target only after the queue has run empty: SendSyncEvent() or RunAndWait() to the
+    /// target returns when all that was queued before it has been handled.
     /// @param dest the target's service name; an activity of another process is "owner.activity"
     /// @param message stays the caller's and unchanged
     /// @param sync true waits for the answer

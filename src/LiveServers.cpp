@@ -1,11 +1,8 @@
 #include "LiveServers.h"
 
-#include <algorithm>
 #include <condition_variable>
-#include <thread>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "Mutex.h"
 #include "OpenCall.h"
@@ -15,13 +12,6 @@ namespace Velmora::Internal {
 namespace {
 
 Mutex g_SetMutex; // guards the set and every life
-
-// An open scope.
-struct Inside
-{
-    std::thread::id thread;
-    unsigned int life;
-};
 
 } // namespace
 
@@ -38,7 +28,40 @@ struct LiveServer
     bool creating SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool open SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool named SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
-    std::vector<Inside> inside SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
+    // The first of the open scopes. A list of the scopes themselves, so that none needs memory.
+    HookScope* inside SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = nullptr;
+
+    // Whether a callback of the life may enter; then the scope is inside.
+    bool Enter(HookScope& scope, unsigned int life)
+        SENNET_THREAD_SAFETY(requires_capability(g_SetMutex))
+    {
+        if (server == nullptr || quiet || number != life) {
+            return false;
+        }
+        scope.m_Server = server;
+        scope.m_Thread = std::this_thread::get_id();
+        scope.m_Next = std::exchange(inside, &scope);
+        return true;
+    }
+    // Where the list points to the scope.
+    HookScope*& Find(const HookScope* scope) SENNET_THREAD_SAFETY(requires_capability(g_SetMutex))
+    {
+        HookScope** link = &inside;
+        while (*link != scope) {
+            link = &(*link)->m_Next;
+        }
+        return *link;
+    }
+    bool HoldsOtherThread(unsigned int life) const
+        SENNET_THREAD_SAFETY(requires_capability(g_SetMutex))
+    {
+        for (const HookScope* scope = inside; scope != nullptr; scope = scope->m_Next) {
+            if (scope->m_Thread != std::this_thread::get_id() && scope->m_Life.number <= life) {
+                return true;
+            }
+        }
+        return false;
+    }
     std::unordered_map<const OpenCall*, std::weak_ptr<OpenCall>>
         calls SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
 };
@@ -59,43 +82,7 @@ LiveSet& Set()
     return set;
 }
 
-// Whether the life's server takes callbacks; then there is one scope more inside of it.
-bool Enter(const Life& life) SENNET_THREAD_SAFETY(requires_capability(g_SetMutex));
-bool Enter(const Life& life)
-{
-    LiveServer& live = *life.server;
-    if (live.server == nullptr || live.quiet || live.number != life.number) {
-        return false;
-    }
-    live.inside.push_back({std::this_thread::get_id(), life.number});
-    return true;
-}
-
-using Calls = std::vector<std::shared_ptr<OpenCall>>;
-
-// Waits for the scopes of other threads. Returns the calls that are without an answer then.
-Calls AwaitOtherThreads(Lock& lock, const Life& life)
-    SENNET_THREAD_SAFETY(requires_capability(g_SetMutex));
-Calls AwaitOtherThreads(Lock& lock, const Life& life)
-{
-    const LiveServer& live = *life.server;
-    const auto isAwaited = [own = std::this_thread::get_id(), &life](const Inside& scope) {
-        return scope.thread != own && scope.life <= life.number;
-    };
-    while (std::any_of(live.inside.begin(), live.inside.end(), isAwaited)) {
-        lock.Wait(Set().left);
-    }
-    Calls calls;
-    for (const auto& [key, weak] : live.calls) {
-        auto call = weak.lock();
-        if (call != nullptr && call->GetLife().number <= life.number) {
-            calls.push_back(std::move(call));
-        }
-    }
-    return calls;
-}
-
-void FailAll(const Calls& calls)
+void FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls)
 {
     for (const auto& call : calls) {
         call->Fail();
@@ -111,18 +98,34 @@ void LiveServers::Add(TCServer* server)
     Set().servers[server] = std::move(live);
 }
 
+// Returns the calls that are without an answer when the scopes of other threads have closed.
+LiveServers::Calls LiveServers::AwaitOtherThreads(const Life& life)
+{
+    Lock lock(g_SetMutex);
+    while (life.server->HoldsOtherThread(life.number)) {
+        lock.Wait(Set().left);
+    }
+    Calls calls;
+    for (const auto& [key, weak] : life.server->calls) {
+        auto call = weak.lock();
+        if (call != nullptr && call->GetLife().number <= life.number) {
+            calls.push_back(std::move(call));
+        }
+    }
+    return calls;
+}
+
 void LiveServers::Remove(TCServer* server)
 {
-    Calls calls;
+    Life last;
     {
-        Lock lock(g_SetMutex);
+        const Lock lock(g_SetMutex);
         const auto found = Set().servers.find(server);
-        const Life last{found->second, found->second->number};
+        last = {found->second, found->second->number};
         Set().servers.erase(found);
         last.server->server = nullptr;
-        calls = AwaitOtherThreads(lock, last);
     }
-    FailAll(calls);
+    FailAll(AwaitOtherThreads(last));
 }
 
 Life LiveServers::BeginCreate(TCServer* server)
@@ -168,12 +171,7 @@ Life LiveServers::End(TCServer* server)
 
 void LiveServers::AwaitEnd(const Life& life)
 {
-    Calls calls;
-    {
-        Lock lock(g_SetMutex);
-        calls = AwaitOtherThreads(lock, life);
-    }
-    FailAll(calls);
+    FailAll(AwaitOtherThreads(life));
 }
 
 Life LiveServers::Of(TCServer* server)
@@ -201,22 +199,27 @@ HookScope::HookScope(TCServer* server)
 {
     const Lock lock(g_SetMutex);
     const auto found = Set().servers.find(server);
-    if (found == Set().servers.end()) {
-        return;
-    }
-    Life life{found->second, found->second->number};
-    if (Enter(life)) {
-        m_Server = server;
-        m_Life = std::move(life);
+    if (found != Set().servers.end() && found->second->Enter(*this, found->second->number)) {
+        m_Life = {found->second, found->second->number};
     }
 }
 
 HookScope::HookScope(const Life& life)
 {
     const Lock lock(g_SetMutex);
-    if (Enter(life)) {
-        m_Server = life.server->server;
+    if (life.server->Enter(*this, life.number)) {
         m_Life = life;
+    }
+}
+
+HookScope::HookScope(HookScope&& other) noexcept
+    : m_Server(other.m_Server), m_Thread(other.m_Thread)
+{
+    const Lock lock(g_SetMutex);
+    m_Life = std::move(other.m_Life);
+    if (m_Life.server != nullptr) {
+        m_Life.server->Find(&other) = this;
+        m_Next = other.m_Next;
     }
 }
 
@@ -226,11 +229,7 @@ HookScope::~HookScope()
         return;
     }
     const Lock lock(g_SetMutex);
-    auto& inside = m_Life.server->inside;
-    const auto isOwn = [this, own = std::this_thread::get_id()](const Inside& scope) {
-        return scope.thread == own && scope.life == m_Life.number;
-    };
-    inside.erase(std::find_if(inside.begin(), inside.end(), isOwn));
+    m_Life.server->Find(this) = m_Next;
     Set().left.notify_all();
 }
 

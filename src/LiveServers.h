@@ -7,6 +7,8 @@
 #pragma once
 
 #include <memory>
+#include <thread>
+#include <vector>
 
 namespace Velmora {
 class TCServer;
@@ -57,6 +59,10 @@ public:
     static void BeginCall(const Life& life, const std::shared_ptr<OpenCall>& call);
     // Returns whether it was the last one of a server that has left the bus.
     static bool EndCall(const Life& life, const OpenCall* call);
+
+private:
+    using Calls = std::vector<std::shared_ptr<OpenCall>>;
+    static Calls AwaitOtherThreads(const Life& life);
 };
 
 class HookScope
@@ -67,7 +73,7 @@ public:
     // Open if, besides, the life is not over.
     explicit HookScope(const Life& life);
     HookScope() = default;
-    HookScope(HookScope&& other) noexcept = default;
+    HookScope(HookScope&& other) noexcept;
     HookScope& operator=(HookScope&&) = delete;
     ~HookScope();
 
@@ -77,8 +83,13 @@ public:
     const Life& GetLife() const { return m_Life; }
 
 private:
+    friend class LiveServers;
+    friend struct LiveServer;
+
     TCServer* m_Server = nullptr; // of no meaning in a scope that is not open
     Life m_Life;
+    std::thread::id m_Thread;
+    HookScope* m_Next = nullptr; // in the list of those inside the server, under its lock
 };
 
 } // namespace Velmora::Internal

@@ -1,6 +1,7 @@
 // What the tests on a bus share.
 #pragma once
 
+#include <future>
 #include <memory>
 
 #include <gio/gio.h>
@@ -30,6 +31,18 @@ private:
     GMainLoop* m_Loop;
     std::thread m_Thread;
 };
+
+// Behind what is queued for that thread, and waits for it.
+inline void OnDispatchThread(std::function<void()> function)
+{
+    std::packaged_task<void()> task(std::move(function));
+    const auto run = [](void* data) -> gboolean {
+        (*static_cast<std::packaged_task<void()>*>(data))();
+        return G_SOURCE_REMOVE;
+    };
+    g_idle_add_full(G_PRIORITY_DEFAULT, run, &task, nullptr);
+    task.get_future().wait();
+}
 
 inline std::string Text(const char* text)
 {

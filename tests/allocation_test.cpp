@@ -23,7 +23,8 @@ void* Allocate(std::size_t size)
 
 // Runs a send with every one of its allocations failing in turn, and each time a check of what that
 // has left. Returns how often it was handed on all the same.
-int FailEachAllocation(const std::function<bool()>& send, const std::function<void()>& check)
+int FailEachAllocation(const std::function<bool()>& send, const std::function<void()>& check,
+                       bool mayRefuse = false)
 {
     int sent = 0;
     for (int n = 1;; ++n) {
@@ -43,7 +44,7 @@ int FailEachAllocation(const std::function<bool()>& send, const std::function<vo
             EXPECT_GT(n, 3); // it has allocated at all
             return sent;
         }
-        EXPECT_TRUE(threw || accepted);
+        EXPECT_TRUE(threw || accepted || mayRefuse);
     }
 }
 
@@ -119,6 +120,7 @@ TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
         const char* route;
         std::function<bool()> send;
         std::function<std::string()> seen; // one ";" for each arrival; a hook that ran may throw
+        bool isAnswered = false;           // then the answer finds no memory, too
     } cases[] = {
         {"call",
          [&] {
@@ -141,7 +143,8 @@ TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
              TCMessage reply;
              return app.SendMessage("peer", &message, true, &reply);
          },
-         {}},
+         {},
+         true},
         {"signal", [&] { return app.SendSignal("signal", &message); }, [&] { return act.Seen(); }},
     };
     for (const auto& c : cases) {
@@ -151,12 +154,13 @@ TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
             return std::count(seen.begin(), seen.end(), ';');
         };
         std::ptrdiff_t expected = arrivals();
-        expected += FailEachAllocation(c.send, [&] {
+        const auto check = [&] {
             std::thread([&] { EXPECT_TRUE(c.send()); }).join(); // finds no lock held
             // Not at once: the task's thread delivers an event by a send.
             Await([&] { return app.m_SendingCount == 0 && act.m_SendingCount == 0; });
             ++expected;
-        });
+        };
+        expected += FailEachAllocation(c.send, check, c.isAnswered);
         Await([&] { return !c.seen || arrivals() >= expected; });
         EXPECT_TRUE(!c.seen || arrivals() == expected);
     }
@@ -167,6 +171,85 @@ TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
     }).join();
     task.CloseDBusServer();
     task.Destroy();
+}
+
+TEST(Allocation, WhatArrivesWithoutMemoryIsAnsweredOrDropped)
+{
+    struct Receiver : TaskServer
+    {
+        Receiver() : TaskServer("app", SERVER_TYPE_SERVICE, "task") {}
+        bool IfTransferMessage(const char* from, const TCMessage* message,
+                               TCEventIO*& target) override
+        {
+            const int left = std::exchange(g_UntilFailure, 0); // the hook is the client's
+            const bool moves = TaskServer::IfTransferMessage(from, message, target);
+            g_UntilFailure = left;
+            return moves;
+        }
+        bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                               const char* signalName) override
+        {
+            allSucceeded = g_UntilFailure > 0 || transferTo != nullptr;
+            g_UntilFailure = 0;
+            return TaskServer::IfMessageReceived(from, message, reply, signalName);
+        }
+        bool IfMessageReplied(const char* from, const TCMessage* message) override
+        {
+            allSucceeded = std::exchange(g_UntilFailure, 0) > 0;
+            return TaskServer::IfMessageReplied(from, message);
+        }
+        std::atomic<bool> allSucceeded{false};
+    };
+    const ForeignService foreign("peer.message", "('p', uint32 1, '', '{\"text\":[1,2,3,4,5]}')");
+    const Dispatcher dispatcher;
+    Receiver app;
+    ASSERT_TRUE(app.Create("task") && app.CreateDBusServer());
+    ASSERT_TRUE(app.SubscribeSignal("other", "signal", nullptr, nullptr));
+    Await([&] { return app.IsServiceAvailable("peer"); });
+    RawPeer peer;
+    constexpr char body[] = R"(('me', uint32 0, 'a type that is too long to stay inside',
+                                '{"text":[1,2,3,4,5]}'))";
+    const auto call = [&] {
+        const std::string said = peer.Call("app.message", "SendMessage", body);
+        EXPECT_TRUE(said.find("'app'") == 1 || said.find("\"fail\"") != std::string::npos) << said;
+    };
+    const struct
+    {
+        const char* route;
+        TCEventIO* target;
+        std::function<void()> send;
+    } cases[] = {
+        {"call", nullptr, call},
+        {"moved call", &app, call},
+        {"signal", nullptr,
+         [&] {
+             peer.Emit("/other", "other.message", "signal", body);
+             peer.Call("org.freedesktop.DBus", "GetId", "()");
+             EXPECT_TRUE(app.IsServiceAvailable("peer")); // told behind the signal
+         }},
+        {"late answer", nullptr,
+         [&] {
+             const TCMessage message = Message("x");
+             TCMessage wanted;
+             EXPECT_TRUE(app.SendMessage("peer", &message, false, &wanted));
+             EXPECT_TRUE(app.SendMessage("peer", &message, true, &wanted)); // behind it
+         }},
+    };
+    for (const auto& c : cases) {
+        app.transferTo = c.target;
+        app.allSucceeded = false;
+        int n = 1;
+        for (; !app.allSucceeded && n < 1000; ++n) {
+            SCOPED_TRACE(std::string(c.route) + ", allocation " + std::to_string(n));
+            OnDispatchThread([n] { g_UntilFailure = n; });
+            c.send();
+            OnDispatchThread([] { g_UntilFailure = 0; });
+        }
+        EXPECT_GT(n, 5);
+        EXPECT_LT(n, 1000);
+    }
+    app.CloseDBusServer();
+    app.Destroy();
 }
 
 TEST(Allocation, FailedCreateOrSubscriptionLeavesNothingBehind)

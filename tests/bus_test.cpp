@@ -487,6 +487,7 @@ TEST_F(BusTest, ProcessOutlivesItsBus)
     RawPeer peer;
     kill(peer.Daemon(), SIGKILL); // this test's own
     Await([&] { return !app.SendSignal("signal", nullptr); });
+    Await([] { return CountLog(kError, "bus connection *") == 1; }); // for both
     TCMessage reply;
     const TCMessage message = Message("x");
     EXPECT_FALSE(app.SendMessage("elsewhere", &message, true, &reply));

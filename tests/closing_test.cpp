@@ -43,16 +43,9 @@ private:
     std::promise<void> m_Begun, m_Released;
 };
 
-// Until the dispatch thread has run what is queued for it.
 void AwaitDispatch()
 {
-    std::promise<void> reached;
-    const auto reach = [](void* promise) -> gboolean {
-        static_cast<std::promise<void>*>(promise)->set_value();
-        return G_SOURCE_REMOVE;
-    };
-    g_idle_add_full(G_PRIORITY_DEFAULT, reach, &reached, nullptr);
-    reached.get_future().wait();
+    OnDispatchThread([] {});
 }
 
 std::future<std::string> CallLater(RawPeer& peer, const char* name)

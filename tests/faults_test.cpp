@@ -3,7 +3,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 
+#include <gio/gunixfdlist.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -162,6 +164,30 @@ void SendWrongMessages(RawPeer& peer)
     }
 }
 
+void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
+{
+    GUnixFDList* const list = g_unix_fd_list_new();
+    for (int i = 0; i < 16; ++i) {
+        g_unix_fd_list_append(list, STDIN_FILENO, nullptr);
+    }
+    g_dbus_message_set_unix_fd_list(message, list);
+    g_dbus_message_set_body(message, g_variant_new_parsed(kGoodBody));
+    EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                               nullptr, nullptr));
+    g_object_unref(list);
+    g_object_unref(message);
+}
+
+GDBusMessage* AnswerWithDescriptors(GDBusConnection* connection, GDBusMessage* message,
+                                    gboolean incoming, gpointer /*data*/)
+{
+    if (incoming != 0 &&
+        g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        SendWithDescriptors(connection, g_dbus_message_new_method_reply(message));
+    }
+    return message;
+}
+
 } // namespace
 
 TEST_F(BusTest, CreateWithoutBusOrDescriptorsFailsAndLeavesNone)
@@ -223,6 +249,82 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
         Await([&] { return app.Seen() == replies && proxy.Seen() == signals; });
     }
     EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(Timeout was reached 24)"), 2);
+}
+
+TEST_F(BusTest, CreateOnABusThatDoesNotAnswerGivesUpAndLaterOpens)
+{
+    RawPeer raw;
+    Server app("app");
+    {
+        const Stopped stopped(raw.Daemon());
+        EXPECT_FALSE(app.CreateDBusServer());
+        EXPECT_EQ(CountLog(kError, "the bus has not answered within 25 s"), 1);
+    }
+    EXPECT_TRUE(app.CreateDBusServer());
+    Await([&] { return app.IsServiceAvailable("app"); });
+}
+
+TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
+{
+    RawPeer raw;
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
+    Await([&] { return app.IsServiceAvailable("app"); });
+    const Stopped stopped(raw.Daemon());
+    const TCMessage large = Message("x", 65536);
+    for (int i = 0; i < 80; ++i) {
+        EXPECT_TRUE(proxy.SendMessage("elsewhere", &large, false, nullptr));
+    }
+    std::thread other([&] { app.CloseDBusServer(); });
+    proxy.CloseDBusProxy();
+    other.join();
+    EXPECT_EQ(CountLog(kError, "the bus takes nothing: something that was sent is left unsent"), 2);
+}
+
+TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
+{
+    constexpr int kMessages = 100;
+    Server app("app");
+    ASSERT_TRUE(app.CreateDBusServer() &&
+                app.SubscribeSignal("other", "signal", nullptr, nullptr) &&
+                app.SubscribeSignal(nullptr, "from_any", nullptr, nullptr));
+    Await([&] { return app.IsServiceAvailable("app"); });
+    RawPeer peer;
+    std::promise<void> release;
+    std::thread stop([&] { OnDispatchThread([&] { release.get_future().wait(); }); });
+    const auto before = OpenDescriptors();
+    for (int i = 0; i < kMessages; ++i) {
+        for (const char* const name : {"signal", "from_any"}) {
+            SendWithDescriptors(peer.Get(), g_dbus_message_new_signal("/o", "other.message", name));
+        }
+        GDBusMessage* const call = g_dbus_message_new_method_call("app.message", "/app/message",
+                                                                  "app.message", "SendMessage");
+        g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        SendWithDescriptors(peer.Get(), call);
+    }
+    peer.Call("org.freedesktop.DBus", "GetId", "()");
+    EXPECT_TRUE(app.IsServiceAvailable("app")); // told behind all of these
+    EXPECT_LE(OpenDescriptors(), before + 16);
+    release.set_value();
+    stop.join();
+    const auto count = [&] {
+        const std::string seen = app.Seen();
+        return std::count(seen.begin(), seen.end(), ';');
+    };
+    Await([&] { return count() == 3 * kMessages; });
+
+    // What the program itself does on that connection keeps them.
+    g_dbus_connection_add_filter(peer.Get(), &AnswerWithDescriptors, nullptr, nullptr);
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    GUnixFDList* list = nullptr;
+    GVariant* const reply = g_dbus_connection_call_with_unix_fd_list_sync(
+        shared, g_dbus_connection_get_unique_name(peer.Get()), "/o", "other.message", "Get",
+        nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &list, nullptr, nullptr);
+    ASSERT_TRUE(reply != nullptr && list != nullptr);
+    EXPECT_EQ(g_unix_fd_list_get_length(list), 16);
+    g_object_unref(list);
+    g_variant_unref(reply);
+    g_object_unref(shared);
 }
 
 TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
