@@ -211,4 +211,18 @@ bool FlushWithinLimit(GDBusConnection* connection)
     return false;
 }
 
+void HoldUntilDispatched(GDBusConnection* connection, GMainContext* context)
+{
+    const auto letGo = [](void* data) {
+        const ConnectionPtr held(static_cast<GDBusConnection*>(data));
+        g_dbus_connection_flush(held.get(), nullptr, nullptr, nullptr); // keeps it meanwhile
+    };
+    GSource* const source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT); // GDBus's own, so that it comes behind
+    g_source_set_callback(
+        source, [](void*) -> gboolean { return G_SOURCE_REMOVE; }, g_object_ref(connection), letGo);
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
 } // namespace Velmora::Internal

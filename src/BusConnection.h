@@ -15,4 +15,8 @@ ConnectionPtr ConnectToBus();
 // says that something has not, and the result is false.
 bool FlushWithinLimit(GDBusConnection* connection);
 
+// Keeps the connection until the context has dispatched what is queued on it, and that has left:
+// GDBus's own answers to calls that had arrived before their object was withdrawn.
+void HoldUntilDispatched(GDBusConnection* connection, GMainContext* context);
+
 } // namespace Velmora::Internal

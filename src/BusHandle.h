@@ -39,23 +39,13 @@ private:
     const NoDescriptors m_Plain;
 };
 
-// Keeps the connection until GDBus has delivered what had arrived before the object was withdrawn:
-// GDBus answers those calls itself, and the answers leave.
 struct ObjectHandle : BusHandle
 {
-    ObjectHandle(Life itsLife, GDBusConnection* connection, std::string path)
-        : BusHandle(std::move(itsLife)),
-          m_Connection(static_cast<GDBusConnection*>(g_object_ref(connection))),
-          m_Plain(std::move(path))
+    ObjectHandle(Life itsLife, std::string path)
+        : BusHandle(std::move(itsLife)), m_Plain(std::move(path))
     {}
-    ~ObjectHandle() override
-    {
-        // Keeps the connection until it is over.
-        g_dbus_connection_flush(m_Connection.get(), nullptr, nullptr, nullptr);
-    }
 
 private:
-    const ConnectionPtr m_Connection;
     const NoDescriptors m_Plain;
 };
 
@@ -69,17 +59,19 @@ struct NameHandle : BusHandle
 
     static void Free(void* data)
     {
-        auto* const handle = static_cast<NameHandle*>(static_cast<BusHandle*>(data));
+        // Not held by what is queued on it, so that an abandoned context takes that along.
+        const ContextPtr context =
+            std::move(static_cast<NameHandle*>(static_cast<BusHandle*>(data))->m_Context);
         GSource* const source = g_idle_source_new();
         g_source_set_priority(source, G_PRIORITY_DEFAULT);
         g_source_set_callback(
             source, [](void*) -> gboolean { return G_SOURCE_REMOVE; }, data, &FreeHandle);
-        g_source_attach(source, handle->m_Context.get());
+        g_source_attach(source, context.get());
         g_source_unref(source);
     }
 
 private:
-    const ContextPtr m_Context;
+    ContextPtr m_Context;
 };
 
 } // namespace Velmora::Internal

@@ -25,6 +25,7 @@ struct LiveServer
     bool quiet SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = true;
     // Of the life that takes callbacks, or took them last.
     unsigned int number SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = 0;
+    ContextPtr context SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
     bool creating SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool open SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool named SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
@@ -135,6 +136,7 @@ Life LiveServers::BeginCreate(TCServer* server)
     if (std::exchange(live->quiet, false)) {
         ++live->number;
     }
+    live->context.reset(g_main_context_ref_thread_default());
     live->creating = true;
     live->named = false;
     return {live, live->number};
@@ -179,6 +181,13 @@ Life LiveServers::Of(TCServer* server)
     const Lock lock(g_SetMutex);
     const auto& live = Set().servers.at(server);
     return {live, live->number};
+}
+
+ContextPtr LiveServers::ContextOf(TCServer* server)
+{
+    const Lock lock(g_SetMutex);
+    GMainContext* const context = Set().servers.at(server)->context.get();
+    return ContextPtr(context != nullptr ? g_main_context_ref(context) : nullptr);
 }
 
 void LiveServers::BeginCall(const Life& life, const std::shared_ptr<OpenCall>& call)

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "GLibPtr.h"
+
 namespace Velmora {
 class TCServer;
 }
@@ -53,6 +55,8 @@ public:
     static void AwaitEnd(const Life& life);
 
     static Life Of(TCServer* server);
+    // Where the callbacks of its last create run.
+    static ContextPtr ContextOf(TCServer* server);
 
     // Between the two, a call of the life waits for its answer. The end of the life fails it,
     // unless it is being destroyed.

@@ -353,13 +353,13 @@ void TCServer::m_OwnName(GDBusConnection* connection, const Life& life)
         G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
     BusHandle* const handle = new NameHandle(life); // NameHandle::Free frees it
     m_OwnerId = g_bus_own_name_on_connection(connection, m_DBusName.c_str(), flags,
-                                             &Callbacks::NameAcquired, &Callbacks::NameLost, handle,
-                                             &NameHandle::Free);
+                                             &Callbacks::m_OnNameAcquired, &Callbacks::m_OnNameLost,
+                                             handle, &NameHandle::Free);
 }
 
 void TCServer::m_ExportObject(GDBusConnection* connection, const Life& life)
 {
-    std::unique_ptr<BusHandle> handle(new ObjectHandle(life, connection, m_ObjectPath));
+    std::unique_ptr<BusHandle> handle(new ObjectHandle(life, m_ObjectPath));
     m_RegistrationId = g_dbus_connection_register_object(
         connection, m_ObjectPath.c_str(), m_NodeInfo->interfaces[0], &Callbacks::callTable,
         handle.get(), &FreeHandle, nullptr);
@@ -410,6 +410,7 @@ void TCServer::m_ReleaseBus()
     }
     if (m_RegistrationId != 0) {
         g_dbus_connection_unregister_object(connection, std::exchange(m_RegistrationId, 0));
+        HoldUntilDispatched(connection, LiveServers::ContextOf(this).get());
     }
     if (m_NodeInfo != nullptr) {
         g_dbus_node_info_unref(std::exchange(m_NodeInfo, nullptr));

@@ -1,4 +1,5 @@
-// What GDBus calls, with a BusHandle as user data.
+// What GDBus calls, with a BusHandle as user data. The names are those of the callbacks that take a
+// server: log lines begin with them, and users look for those.
 #pragma once
 
 #include "LiveServers.h"
@@ -10,14 +11,15 @@ struct TCServer::Callbacks
 {
     static const GDBusInterfaceVTable callTable;
 
-    static void Call(GDBusConnection* connection, const char* sender, const char* path,
-                     const char* interfaceName, const char* methodName, GVariant* parameters,
-                     GDBusMethodInvocation* invocation, void* handle);
-    static void Signal(GDBusConnection* connection, const char* sender, const char* path,
-                       const char* interfaceName, const char* signalName, GVariant* parameters,
-                       void* handle);
-    static void NameAcquired(GDBusConnection* connection, const char* name, void* handle);
-    static void NameLost(GDBusConnection* connection, const char* name, void* handle);
+    static void m_DObjectHandler(GDBusConnection* connection, const char* sender, const char* path,
+                                 const char* interfaceName, const char* methodName,
+                                 GVariant* parameters, GDBusMethodInvocation* invocation,
+                                 void* handle);
+    static void m_DSignalHandler(GDBusConnection* connection, const char* sender, const char* path,
+                                 const char* interfaceName, const char* signalName,
+                                 GVariant* parameters, void* handle);
+    static void m_OnNameAcquired(GDBusConnection* connection, const char* name, void* handle);
+    static void m_OnNameLost(GDBusConnection* connection, const char* name, void* handle);
 
     // What the callbacks have in common with those that are given a server. An invocation that is
     // left gets the error reply.

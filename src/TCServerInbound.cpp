@@ -82,7 +82,7 @@ private:
 };
 
 const GDBusInterfaceVTable TCServer::Callbacks::callTable = {
-    &Callbacks::Call, nullptr, nullptr, {}};
+    &Callbacks::m_DObjectHandler, nullptr, nullptr, {}};
 
 void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*sender*/,
                                 const char* /*path*/, const char* /*interfaceName*/,
@@ -99,10 +99,10 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*s
                            invocation);
 }
 
-void TCServer::Callbacks::Call(GDBusConnection* /*connection*/, const char* /*sender*/,
-                               const char* /*path*/, const char* /*interfaceName*/,
-                               const char* methodName, GVariant* parameters,
-                               GDBusMethodInvocation* invocation, void* handle)
+void TCServer::Callbacks::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*sender*/,
+                                           const char* /*path*/, const char* /*interfaceName*/,
+                                           const char* methodName, GVariant* parameters,
+                                           GDBusMethodInvocation* invocation, void* handle)
 {
     VELMORA_LOGI("");
     DeliverCall(HookScope(BusHandle::LifeOf(handle)), methodName, parameters, invocation);

@@ -17,8 +17,8 @@ void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const char* /*n
     Callbacks::NoteName(HookScope(static_cast<TCServer*>(userData)));
 }
 
-void TCServer::Callbacks::NameAcquired(GDBusConnection* /*connection*/, const char* /*name*/,
-                                       void* handle)
+void TCServer::Callbacks::m_OnNameAcquired(GDBusConnection* /*connection*/, const char* /*name*/,
+                                           void* handle)
 {
     VELMORA_LOGI("");
     NoteName(HookScope(BusHandle::LifeOf(handle)));
@@ -47,8 +47,8 @@ void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const char* /*name*
     }
 }
 
-void TCServer::Callbacks::NameLost(GDBusConnection* /*connection*/, const char* /*name*/,
-                                   void* /*handle*/)
+void TCServer::Callbacks::m_OnNameLost(GDBusConnection* /*connection*/, const char* /*name*/,
+                                       void* /*handle*/)
 {
     VELMORA_LOGI("");
 }

@@ -112,7 +112,7 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signal,
         BusHandle* const handle = new SubscriptionHandle(LiveServers::Of(this), interface, signal);
         id = g_dbus_connection_signal_subscribe(
             m_Connection, nullptr, from != nullptr ? interface.c_str() : nullptr, signal, nullptr,
-            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Callbacks::Signal, handle, &FreeHandle);
+            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Callbacks::m_DSignalHandler, handle, &FreeHandle);
     }
     if (id == 0) {
         VELMORA_LOGE("fail to subscribe signal");
@@ -214,9 +214,10 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
                              parameters);
 }
 
-void TCServer::Callbacks::Signal(GDBusConnection* /*connection*/, const char* sender,
-                                 const char* path, const char* interfaceName,
-                                 const char* signalName, GVariant* parameters, void* handle)
+void TCServer::Callbacks::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sender,
+                                           const char* path, const char* interfaceName,
+                                           const char* signalName, GVariant* parameters,
+                                           void* handle)
 {
     if (IsNamed(sender, path, interfaceName, signalName)) {
         DeliverSignal(HookScope(BusHandle::LifeOf(handle)), interfaceName, signalName, parameters);
