@@ -181,13 +181,14 @@ public:
     }
 
     // The printed reply of a call, or the error's message.
-    std::string Call(const std::string& name, const char* method, const char* body)
+    std::string Call(const std::string& name, const char* method, const char* body,
+                     int timeout = 10000)
     {
         GError* error = nullptr;
         GVariant* const reply = g_dbus_connection_call_sync(
             m_Connection, name.c_str(), Velmora::TCServerHelper::GetObjectPath(name).c_str(),
             name.c_str(), method, g_variant_new_parsed(body), nullptr, G_DBUS_CALL_FLAGS_NONE,
-            10000, nullptr, &error);
+            timeout, nullptr, &error);
         if (reply == nullptr) {
             const std::string text = error->message;
             g_error_free(error);
