@@ -607,38 +607,30 @@ TEST_F(BusTest, ManyThreadsOpenCloseSubscribeAndSendOnTheSameServers)
     TCServer* const servers[] = {&app, &act, &proxy};
     const TCMessage message = Message("{\"n\":1}");
     const TCSignalCallback drop = [](const char*, const char*, TCMessage*, void*) {};
+    TCMessage unused;
+    const std::function<void(TCServer&, const char*)> actions[] = {
+        [&](TCServer& server, const char*) { server.CreateDBusServer(); },
+        [&](TCServer& server, const char*) { server.CreateDBusServer(); }, // twice as often
+        [&](TCServer& server, const char*) { (server.CloseDBusServer(), server.AwaitHooks()); },
+        [&](TCServer& server, const char* to) { server.SubscribeSignal(to, "s", drop, nullptr); },
+        [&](TCServer& server, const char* to) {
+            server.SubscribeSignal(to, "s", nullptr, nullptr);
+        },
+        [&](TCServer& server, const char* to) { server.UnSubscribeSignal(to, "s"); },
+        [&](TCServer& server, const char*) { server.SendSignal("s", &message); },
+        [&](TCServer& server, const char* to) { server.SendMessage(to, &message, false, nullptr); },
+        [&](TCServer& server, const char* to) { server.SendMessage(to, &message, false, &unused); },
+        [&](TCServer& server, const char* to) {
+            TCMessage reply;
+            server.SendMessage(to, &message, true, &reply, 5000);
+        },
+    };
     std::vector<std::thread> threads;
-    for (unsigned int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            std::minstd_rand random(t + 1);
+    for (unsigned int t = 1; t <= 4; ++t) {
+        threads.emplace_back([&, random = std::minstd_rand(t)]() mutable {
             for (int i = 0; i < 300; ++i) {
-                TCServer& server = *servers[random() % 3];
-                const char* const other = random() % 2 == 0 ? "act" : "app";
-                TCMessage reply;
-                switch (random() % 8) {
-                case 0:
-                    server.CloseDBusServer();
-                    server.AwaitHooks();
-                    break;
-                case 1:
-                    server.SubscribeSignal(other, "signal", random() % 2 == 0 ? drop : nullptr,
-                                           nullptr);
-                    break;
-                case 2:
-                    server.UnSubscribeSignal(other, "signal");
-                    break;
-                case 3:
-                    server.SendSignal("signal", &message);
-                    break;
-                case 4:
-                    server.SendMessage(other, &message, true, &reply, 5000);
-                    break;
-                case 5:
-                    server.SendMessage(other, &message, false, i % 2 == 0 ? &reply : nullptr);
-                    break;
-                default:
-                    server.CreateDBusServer();
-                }
+                TCServer& server = *servers[random() % std::size(servers)];
+                actions[random() % std::size(actions)](server, random() % 2 == 0 ? "act" : "app");
             }
         });
     }
