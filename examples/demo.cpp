@@ -3,6 +3,7 @@
 //
 // Started without arguments it starts itself once for each role and says how it went.
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -51,7 +52,7 @@ protected:
             reply->SetBuffer(turned.data(), size);
         } else {
             m_Offset = message->m_Json["offset"].isInt() ? message->m_Json["offset"].asInt() : 0;
-            reply->m_Json["offset"] = m_Offset;
+            reply->m_Json["offset"] = m_Offset.load();
         }
         return true;
     }
@@ -67,8 +68,8 @@ private:
     }
 
     TCAlarm m_Alarm;
-    int m_Offset = 0; // these two are of the task's thread
-    int m_Readings = 0;
+    std::atomic<int> m_Offset{0}; // the bus thread runs the hook while the task's queue is full
+    int m_Readings = 0;           // of the task's thread
 };
 
 class Client : public TCServer

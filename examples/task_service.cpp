@@ -1,6 +1,7 @@
 // A service with a thread of its own: the bus thread hands each message over to the task, so that a
 // slow one holds up nobody else.
 #include <cstdio>
+#include <mutex>
 
 #include "MainLoop.h"
 #include "sennet.h"
@@ -14,7 +15,11 @@ class Worker : public TCServer, public TCTask
 public:
     Worker() : TCServer("example.worker", SERVER_TYPE_SERVICE), TCTask("worker") {}
 
-    int Sum() const { return m_Sum; }
+    int Sum()
+    {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Sum;
+    }
 
 protected:
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
@@ -24,17 +29,20 @@ protected:
         return true;
     }
 
-    // On the task's thread; what is used here alone needs no lock.
+    // On the task's thread. When messages arrive faster than they are handled and the task's queue
+    // is full, also on the bus thread, at the same time: so what is used here needs a lock.
     bool IfMessageReceived(const char* /*from*/, const TCMessage* message, TCMessage* reply,
                            const char* /*signalName*/) override
     {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
         m_Sum += message->m_Json["add"].isInt() ? message->m_Json["add"].asInt() : 0;
         reply->m_Json["sum"] = m_Sum;
         return true;
     }
 
 private:
-    int m_Sum = 0;
+    std::mutex m_Mutex;
+    int m_Sum = 0; // guarded by m_Mutex
 };
 
 } // namespace
@@ -48,6 +56,7 @@ int main()
         return 1;
     }
     loop.Run();
+    // On the task's thread, after the messages that are queued.
     const std::optional<int> sum = RunAndWait(&*worker, [&] { return worker->Sum(); });
     std::printf("the sum was %d\n", sum.value_or(0));
     return 0;

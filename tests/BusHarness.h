@@ -51,19 +51,14 @@ inline std::string Text(const char* text)
 
 // Notes what its hooks get, and echoes messages.
 template <typename... Bases>
-class Hooks : public Velmora::TCServer, public Bases...
+class Noted : public Velmora::TCServer, public Bases...
 {
 public:
     template <typename... Arguments>
-    explicit Hooks(const std::string& name, TCServerType type = SERVER_TYPE_SERVICE,
+    explicit Noted(const std::string& name, TCServerType type = SERVER_TYPE_SERVICE,
                    Arguments... arguments)
         : Velmora::TCServer(name, type), Bases(arguments...)...
     {}
-    ~Hooks() override
-    {
-        CloseDBusServer();
-        AwaitHooks();
-    }
 
     std::string Seen()
     {
@@ -77,6 +72,7 @@ public:
     }
 
     Velmora::TCEventIO* transferTo = nullptr;
+    bool transfersToNull = false;
     std::function<void(Velmora::TCMessage& reply)> onMessage;
     std::atomic<GThread*> thread{nullptr}; // of the last message
 
@@ -87,7 +83,7 @@ protected:
                            Velmora::TCEventIO*& target) override
     {
         target = transferTo;
-        return transferTo != nullptr;
+        return transferTo != nullptr || transfersToNull;
     }
     bool IfMessageReceived(const char* from, const Velmora::TCMessage* message,
                            Velmora::TCMessage* reply, const char* signalName) override
@@ -98,18 +94,31 @@ protected:
             onMessage(*reply);
         }
         Note((signalName != nullptr ? std::string(signalName) + " " : "") + Text(from) + ":" +
-             message->GetString());
+             message->GetMessage());
         return true;
     }
     bool IfMessageReplied(const char* from, const Velmora::TCMessage* message) override
     {
-        Note("reply " + Text(from) + ":" + message->GetString());
+        Note("reply " + Text(from) + ":" + message->GetMessage() + message->m_Type);
         return true;
     }
 
 private:
     std::mutex m_Mutex;
     std::string m_Seen;
+};
+
+// The same, but closes itself.
+template <typename... Bases>
+class Hooks : public Noted<Bases...>
+{
+public:
+    using Noted<Bases...>::Noted;
+    ~Hooks() override
+    {
+        this->CloseDBusServer();
+        this->AwaitHooks();
+    }
 };
 
 using Server = Hooks<>;

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -107,11 +109,17 @@ inline bool SendUrgent(Velmora::TCHandler* receiver, unsigned long id)
     return Velmora::SendUrgentEvent(&event);
 }
 
-// Waits for what another thread brings about; the limit of the test program ends a wait in vain.
+// Waits for what another thread brings about. A wait in vain ends the process, as nothing could
+// unwind the threads that the test has started.
 template <typename Condition>
-void Await(Condition condition)
+void Await(Condition condition, const char* file = __builtin_FILE(), int line = __builtin_LINE())
 {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(AWAIT_SECONDS);
     while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) {
+            std::fprintf(stderr, "%s:%d: waited %d s in vain\n", file, line, AWAIT_SECONDS);
+            std::abort();
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }

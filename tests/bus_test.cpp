@@ -3,6 +3,7 @@
 
 #include <future>
 #include <optional>
+#include <random>
 
 #include <dlfcn.h>
 
@@ -57,6 +58,7 @@ TEST(BusNames, AreMadeLegalByteByByte)
 TEST_F(BusTest, ForeignCallersGetTheExactBodies)
 {
     Server server("my-app");
+    server.transfersToNull = true; // which leaves a call on its thread
     ASSERT_TRUE(server.CreateDBusServer());
     RawPeer peer;
     const struct
@@ -137,8 +139,8 @@ TEST_F(BusTest, SendsTakeTheRouteThatTheTargetAllows)
 {
     Server app("app");
     TaskServer task("task", TCServer::SERVER_TYPE_ACTIVITY, "task");
-    TCMessage reply;
-    const TCMessage message = Message("{\"n\":1}");
+    TCMessage message = Message("stale"), reply;
+    message.m_Json["n"] = 1; // whose text only a copy has
     EXPECT_FALSE(app.SendMessage("task", &message, true, &reply));
     EXPECT_EQ(CountLog(kError, "dbus connection is not open"), 1);
     ASSERT_TRUE(app.CreateDBusServer() && task.CreateDBusServer() && task.Create("task"));
@@ -173,7 +175,7 @@ TEST_F(BusTest, WhatTheBusCannotCarryIsRefusedAndTheConnectionLives)
     ASSERT_TRUE(proxy.CreateDBusProxy());
     TCMessage good = Message("x"), reply, type = good;
     type.m_Type = std::string("a\0b", 3);
-    const TCMessage huge = Message("x", 4194290), text = Message("\xff");
+    const TCMessage huge = Message("x", 4194048), text = Message("\xff");
     const struct
     {
         const char* dest;
@@ -200,8 +202,11 @@ TEST_F(BusTest, WhatTheBusCannotCarryIsRefusedAndTheConnectionLives)
         EXPECT_FALSE(app.SendSignal(name.c_str(), &good));
     }
     EXPECT_FALSE(app.SendSignal("signal", &huge));
-    const TCMessage largest = Message("x", 4190000);
+    const TCMessage largest = Message("x", 4194047); // a byte less
     EXPECT_TRUE(app.SendSignal("signal", &largest));
+    std::string longest(33554432 - 2048 - sizeof "app" + 1, 'x');
+    EXPECT_TRUE(app.SendSignal("signal", &(good = Message(longest))));
+    EXPECT_FALSE(app.SendSignal("signal", &(good = Message(longest += 'x'))));
     Await([&] { return proxy.IsServiceAvailable("app"); });
 }
 
@@ -251,6 +256,9 @@ TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
         {"die", false, "before", ""},
         {"mute", false, "before", ""},
         {"(1, 'foreign')", true, "before", ""},
+        {"('p', uint32 1, '', '')", true, "", ""},
+        {"('p', uint32 1, 't', '')", true, "", "reply p:t;"},
+        {"('p', uint32 1, '', '', [(byte 7,)])", true, "", "reply p:;"},
         {"('p', uint32 1, '', '5')", true, "5", "reply p:5;"},
         {"('p', uint32 1, '', '{\"dbus_result\":{}}')", true, "{\"dbus_result\":{}}",
          "reply p:{\"dbus_result\":{}};"},
@@ -260,13 +268,13 @@ TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
     std::string seen;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.mode);
-        Await([&] { return !proxy.IsServiceAvailable("peer"); }); // the last one has gone
-        const ForeignService peer("peer.message", c.mode);
-        Await([&] { return proxy.IsServiceAvailable("peer"); });
+        Await([&] { return !proxy.IsServiceAvailable("a-peer"); }); // the last one has gone
+        const ForeignService peer("a_peer.message", c.mode);
+        Await([&] { return proxy.IsServiceAvailable("a-peer"); });
         TCMessage reply = Message("before");
-        EXPECT_EQ(proxy.SendMessage("peer", &message, true, &reply, 300), c.sent);
+        EXPECT_EQ(proxy.SendMessage("a-peer", &message, true, &reply, 300), c.sent);
         EXPECT_EQ(reply.GetMessage(), c.reply);
-        proxy.SendMessage("peer", &message, false, &reply);
+        proxy.SendMessage("a-peer", &message, false, &reply);
         seen += c.seen;
         Await([&] { return proxy.Seen() == seen; });
     }
@@ -309,6 +317,11 @@ TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
     Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
+    RawPeer owner; // from which the server takes the name over
+    g_bus_own_name_on_connection(owner.Get(), "app.message",
+                                 G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT, nullptr, nullptr,
+                                 nullptr, nullptr);
+    Await([&] { return proxy.IsServiceAvailable("app"); });
     ASSERT_TRUE(app.CreateDBusServer());
     const std::string start = "service_start_default app:{\"service_name\":\"app\"};";
     Await([&] { return proxy.Seen() == start; });
@@ -326,11 +339,11 @@ TEST_F(BusTest, NameThatComesBackIsAnnouncedAgain)
 
 TEST_F(BusTest, CloseLosesNothingThatWasSent)
 {
-    Server app("app");
+    Server app("my-app");
     std::atomic<int> received{0};
     app.onMessage = [&](TCMessage&) { ++received; };
     ASSERT_TRUE(app.CreateDBusServer());
-    Await([&] { return app.IsServiceAvailable("app"); });
+    Await([&] { return app.IsServiceAvailable("my-app"); });
     for (int round = 1; round <= 5; ++round) {
         ASSERT_EQ(std::system(QUICK_SENDER), 0);
         Await([&] { return received == 50 * round; });
@@ -446,6 +459,113 @@ TEST_F(BusTest, DestroyedServersAreNotTouchedAndRunningHooksAreWaitedFor)
     Await([&] { return sender->Seen() == "heir:x;reply heir:x;"; });
 }
 
+TEST_F(BusTest, NothingReachesAServerAfterAwaitHooks)
+{
+    const ForeignService foreign("peer.message", "('p', uint32 1, '', '5')");
+    RawPeer peer;
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    Await([&] { return proxy.IsServiceAvailable("peer"); });
+    const TCMessage message = Message("x");
+    TCMessage wanted;
+    std::future<std::string> answer;
+    const auto hold = [](void*) -> gboolean {
+        VELMORA_LOGI("dispatch thread is held");
+        return G_SOURCE_REMOVE;
+    };
+    const struct
+    {
+        const char* line; // at which the dispatch thread stays until the close is over
+        std::function<void()> arrive;
+    } cases[] = {
+        {"m_DObjectHandler(",
+         [&] {
+             answer = std::async(std::launch::async, [&] {
+                 return peer.Call("app.message", "SendMessage", "('me', uint32 0, '', 'x')");
+             });
+         }},
+        {"sender(", [&] { peer.Emit("/x", "foreign.face", "any", "('me', uint32 0, '', 'x')"); }},
+        {"dispatch thread is held",
+         [&] {
+             g_idle_add(hold, nullptr);
+             EXPECT_TRUE(app.SendMessage("peer", &message, false, &wanted));
+             EXPECT_TRUE(app.SendMessage("peer", &message, true, &wanted)); // both have come
+         }},
+    };
+    std::string drained;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        ASSERT_TRUE(app.CreateDBusServer());
+        ASSERT_TRUE(app.SubscribeSignal(nullptr, "any", nullptr, nullptr));
+        Await([&] { return proxy.IsServiceAvailable("app"); });
+        std::atomic<bool> held{false}, closed{false};
+        OnLog([&](const std::string& line) {
+            if (line.find(c.line) != std::string::npos && !held.exchange(true)) {
+                for (int i = 0; i < 500 && !closed; ++i) { // the close may wait for this callback
+                    g_usleep(1000);
+                }
+            }
+        });
+        c.arrive();
+        Await([&] { return held.load(); });
+        app.CloseDBusServer();
+        EXPECT_TRUE(app.AwaitHooks());
+        const std::string seen = app.Seen();
+        closed = true;
+        EXPECT_TRUE(proxy.SendMessage("peer", &message, false, &wanted)); // behind the others
+        drained += "reply p:5;";
+        Await([&] { return proxy.Seen() == drained; });
+        OnLog(nullptr);
+        EXPECT_EQ(app.Seen(), seen);
+    }
+    EXPECT_EQ(answer.get().rfind("('", 0), 0U); // none goes without
+}
+
+TEST_F(BusTest, HookMayAwaitTheOthersOfItsServer)
+{
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    ASSERT_TRUE(proxy.CreateDBusProxy() && app.CreateDBusServer());
+    std::atomic<bool> awaited{false};
+    app.onMessage = [&](TCMessage&) {
+        std::thread([&] { app.CloseDBusServer(); }).join();
+        awaited = app.AwaitHooks();
+    };
+    const TCMessage message = Message("x");
+    EXPECT_TRUE(proxy.SendMessage("app", &message, false, nullptr));
+    Await([&] { return awaited.load(); });
+}
+
+TEST_F(BusTest, TransferredEventMayNameAnything)
+{
+    Loop loop;
+    Queue queue;
+    Server app("app");
+    ASSERT_TRUE(queue.Init(loop.Get()) && app.CreateDBusServer());
+    const struct
+    {
+        const char* names;
+        int priority;
+        const char* line;
+    } cases[] = {{"5", kError, "Couldn't find  dbus server, subscribe fail"},
+                 {"[1]", kError, "Couldn't find  dbus server, subscribe fail"},
+                 {R"({"from":{"a":1}})", kError, "Couldn't find  dbus server, subscribe fail"},
+                 {R"({"from":5})", kError, "Couldn't find 5 dbus server, subscribe fail"},
+                 {R"({"from":"app"})", kError, "No dest information"},
+                 {R"({"from":"app","dest":[1]})", kError, "No dest information"},
+                 {R"({"from":"app","dest":"app"})", kInfo, "send sync message in one process"},
+                 {nullptr, kInfo, "transfer async internal event to sync message call"}};
+    for (const auto& c : cases) {
+        TCEvent event = Event(&queue, EVENT_TRANSFER_MESSAGE);
+        event.data.SetMessage(c.names != nullptr ? c.names : R"({"from":"app","dest":"app"})");
+        event.param.p = c.names != nullptr ? new TCMessage : nullptr; // t_Clear frees it
+        ForgetLog();
+        EXPECT_TRUE(TCEventIO::SendEvent(&event));
+        loop.Drain();
+        EXPECT_EQ(CountLog(c.priority, c.line), 1) << c.line;
+    }
+    EXPECT_EQ(app.Seen(), "app:;");
+}
+
 TEST_F(BusTest, ServerDestroyedWhileOpenIsNotLookedAt)
 {
     TCEvent event;
@@ -503,6 +623,56 @@ TEST_F(BusTest, ServersComeAndGoWhileOthersTalkToThem)
         thread.join();
     }
     EXPECT_EQ(app.m_SendingCount, 0U);
+}
+
+TEST_F(BusTest, ManyThreadsOpenCloseSubscribeAndSendOnTheSameServers)
+{
+    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    TaskServer act("act", TCServer::SERVER_TYPE_ACTIVITY, "act");
+    act.transferTo = &act;
+    ASSERT_TRUE(act.Create("act"));
+    TCServer* const servers[] = {&app, &act, &proxy};
+    const TCMessage message = Message("{\"n\":1}");
+    const TCSignalCallback drop = [](const char*, const char*, TCMessage*, void*) {};
+    TCMessage unused;
+    const std::function<void(TCServer&, const char*)> actions[] = {
+        [&](TCServer& server, const char*) { server.CreateDBusServer(); },
+        [&](TCServer& server, const char*) { server.CreateDBusServer(); }, // twice as often
+        [&](TCServer& server, const char*) { (server.CloseDBusServer(), server.AwaitHooks()); },
+        [&](TCServer& server, const char* to) { server.SubscribeSignal(to, "s", drop, nullptr); },
+        [&](TCServer& server, const char* to) {
+            server.SubscribeSignal(to, "s", nullptr, nullptr);
+        },
+        [&](TCServer& server, const char* to) { server.UnSubscribeSignal(to, "s"); },
+        [&](TCServer& server, const char*) { server.SendSignal("s", &message); },
+        [&](TCServer& server, const char* to) { server.SendMessage(to, &message, false, nullptr); },
+        [&](TCServer& server, const char* to) { server.SendMessage(to, &message, false, &unused); },
+        [&](TCServer& server, const char* to) {
+            TCMessage reply;
+            server.SendMessage(to, &message, true, &reply, 5000);
+        },
+    };
+    std::vector<std::thread> threads;
+    for (unsigned int t = 1; t <= 4; ++t) {
+        threads.emplace_back([&, random = std::minstd_rand(t)]() mutable {
+            for (int i = 0; i < 300; ++i) {
+                TCServer& server = *servers[random() % std::size(servers)];
+                actions[random() % std::size(actions)](server, random() % 2 == 0 ? "act" : "app");
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (TCServer* const server : servers) {
+        server->CloseDBusServer();
+        EXPECT_TRUE(server->AwaitHooks());
+    }
+    EXPECT_TRUE(TCServer::m_CreatedDbusServers.empty());
+    EXPECT_EQ(app.m_SendingCount + act.m_SendingCount + proxy.m_SendingCount, 0U);
+    ASSERT_TRUE(proxy.CreateDBusProxy() && app.CreateDBusServer());
+    Await([&] { return proxy.IsServiceAvailable("app"); });
+    act.Destroy();
 }
 
 // The last one: there is no bus after it.

@@ -8,10 +8,10 @@ namespace {
 using Convenience = BusTest;
 
 // Its hook uses what only the most derived class has.
-class Worker : public Hooks<TCTask>
+class Worker : public Noted<TCTask>
 {
 public:
-    explicit Worker(std::atomic<int>& handled) : Hooks("t.worker", SERVER_TYPE_SERVICE, "worker")
+    explicit Worker(std::atomic<int>& handled) : Noted("t.worker", SERVER_TYPE_SERVICE, "worker")
     {
         transferTo = this;
         onMessage = [this, &handled](TCMessage&) { handled += *m_One; };
@@ -19,6 +19,34 @@ public:
 
 private:
     std::unique_ptr<int> m_One = std::make_unique<int>(1);
+};
+
+// Its hook runs until the close has begun, and a while longer.
+class Slow : public TCServer
+{
+public:
+    Slow(std::atomic<bool>& left, std::atomic<bool>& whole)
+        : TCServer("t.slow", SERVER_TYPE_SERVICE), m_Left(left), m_Whole(whole)
+    {}
+    ~Slow() override { m_Whole = m_Left.load(); }
+
+    std::promise<void> inside;
+
+protected:
+    bool IfMessageReceived(const char* /*from*/, const TCMessage* /*message*/, TCMessage* /*reply*/,
+                           const char* /*signalName*/) override
+    {
+        std::atomic<bool>& left = m_Left; // which the object may not outlive
+        inside.set_value();
+        Await([] { return CountLog(kDebug, "close t.slow begin") == 1; });
+        g_usleep(20000); // an end that does not wait gets ahead
+        left = true;
+        return true;
+    }
+
+private:
+    std::atomic<bool>& m_Left;
+    std::atomic<bool>& m_Whole; // the hook has left when the destructor begins
 };
 
 } // namespace
@@ -78,6 +106,32 @@ TEST_F(Convenience, ScopeClosesWhileHooksRunOnOtherThreads)
     }
     over = true;
     thread.join();
+}
+
+TEST_F(Convenience, EndsWaitForARunningHookOfAServerThatDoesNotCloseItself)
+{
+    const TCMessage message = Message("x");
+    TCScope<TCServer> sender("t.sender", TCServer::SERVER_TYPE_PROXY);
+    std::atomic<bool> left, whole;
+    const auto call = [&](Slow& slow) {
+        left = false;
+        ForgetLog();
+        EXPECT_TRUE(sender->SendMessage("t.slow", &message, false, nullptr));
+        slow.inside.get_future().wait();
+    };
+    {
+        TCScope<Slow> slow(left, whole);
+        call(*slow);
+    }
+    EXPECT_TRUE(left);
+    EXPECT_TRUE(whole);
+    {
+        Slow slow(left, whole);
+        ASSERT_TRUE(slow.CreateDBusServer());
+        call(slow);
+        slow.CloseDBusServer();
+    } // the destructor alone
+    EXPECT_TRUE(left);
 }
 
 TEST_F(Convenience, ScopeClosesWhatAThrowingCreateHasLeft)

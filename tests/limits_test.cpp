@@ -71,16 +71,24 @@ TEST_F(LimitsTest, CallsBeyondThePendingRepliesFailUntilOthersEnd)
 TEST_F(LimitsTest, MessageTooLargeForTheBusCostsTheConnectionAndNoMore)
 {
     const TCMessage tooLarge = Message("x", 65536);
-    EXPECT_FALSE(proxy.SendMessage("elsewhere", &tooLarge, true, &reply));
-    EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(*"), 1);
-    Await([&] { return !app.SendSignal("signal", nullptr); });
-    EXPECT_GE(CountLog(kError, "dbus connection is not open"), 1);
-    EXPECT_FALSE(proxy.SendMessage("elsewhere", &message, true, &reply));
-    Await([&] { // until GDBus has let go of the lost connection
-        app.CloseDBusServer();
-        proxy.CloseDBusProxy();
-        return app.CreateDBusServer() && proxy.CreateDBusProxy();
-    });
-    EXPECT_TRUE(app.SendSignal("signal", nullptr));
-    Await([&] { return proxy.IsServiceAvailable("app"); });
+    GDBusConnection* held = nullptr; // the lost one, by another part of the process
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_FALSE(proxy.SendMessage("elsewhere", &tooLarge, true, &reply));
+        EXPECT_EQ(CountLog(kError, "Fail to invoking sync message call(*"), 1);
+        Await([&] { return !app.SendSignal("signal", nullptr); });
+        EXPECT_GE(CountLog(kError, "dbus connection is not open"), 1);
+        EXPECT_FALSE(proxy.SendMessage("elsewhere", &message, true, &reply));
+        Await([&] { // until GDBus has let go of the lost connection, if nobody holds it
+            app.CloseDBusServer();
+            proxy.CloseDBusProxy();
+            return app.CreateDBusServer() && proxy.CreateDBusProxy();
+        });
+        EXPECT_TRUE(app.SendSignal("signal", nullptr));
+        Await([&] { return proxy.IsServiceAvailable("app"); });
+        if (held == nullptr) {
+            held = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        }
+        ForgetLog();
+    }
+    g_object_unref(held);
 }

@@ -2,6 +2,7 @@
 // everybody of each change. {"item": "bolt", "add": 5} is answered by {"count": 5}.
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <glib-unix.h>
@@ -25,7 +26,7 @@ protected:
         return true;
     }
 
-    // On the task's thread: the counts need no lock.
+    // On the task's thread, and while its queue is full on the bus thread as well.
     bool IfMessageReceived(const char* /*from*/, const TCMessage* message, TCMessage* reply,
                            const char* /*signalName*/) override
     {
@@ -34,6 +35,7 @@ protected:
             reply->m_Json["error"] = "an item and a number to add are missing";
             return true;
         }
+        const std::lock_guard<std::mutex> lock(m_Mutex);
         Json::Int64& count = m_Counts[json["item"].asString()];
         count += json["add"].asInt();
         reply->m_Json["count"] = count;
@@ -42,7 +44,8 @@ protected:
     }
 
 private:
-    std::map<std::string, Json::Int64> m_Counts;
+    std::mutex m_Mutex;
+    std::map<std::string, Json::Int64> m_Counts; // guarded by m_Mutex
 };
 
 gboolean Quit(gpointer loop)
