@@ -55,10 +55,10 @@ struct Life;
 ///
 /// What may overlap. On one server, sends, subscriptions, create, close and AwaitHooks() may be
 /// called on any threads at once; a send that finds a create, a close or a subscription at work for
-/// more than a millisecond gives false ("Server is going to be closed!"). A subscription waits for a
-/// create or a close on another thread; but inside a send of the server (in a hook that a send within
-/// the process runs) it returns false, with an error line, once a close waits for that send, and so
-/// does AwaitHooks(). IsServiceAvailable() must not overlap a close. Nothing may overlap the
+/// more than a millisecond gives false ("Server is going to be closed!"). A subscription waits for
+/// a create or a close on another thread; but inside a send of the server (in a hook that a send
+/// within the process runs) it returns false, with an error line, once a close waits for that send,
+/// and so does AwaitHooks(). IsServiceAvailable() must not overlap a close. Nothing may overlap the
 /// destructor.
 ///
 /// What the bus cannot carry is refused with false and an error line: text and type that are not
@@ -77,7 +77,8 @@ public:
     };
 
     /// Touches no bus.
-    /// @param name the service name, in UTF-8. With another one the server opens, since its bus name
+    /// @param name the service name, in UTF-8. With another one the server opens, since its bus
+    /// name
     ///             is made legal, but every send and every answer of it is refused: each carries
     ///             the name.
     /// @param type fixed for good
@@ -103,10 +104,10 @@ public:
     bool CreateDBusProxy();
 
     /// Closes whatever the server holds, in any state. Waits for sends of this server that are
-    /// under way; those that come meanwhile are refused. Blocks until what was sent and answered has
-    /// left the process: on a bus that takes nothing for 5 seconds, after which an error line says
-    /// that something is left unsent, besides 25 seconds for giving up the name. Do not call it
-    /// inside a send of this server, nor where such a send waits for this thread.
+    /// under way; those that come meanwhile are refused. Blocks until what was sent and answered
+    /// has left the process: on a bus that takes nothing for 5 seconds, after which an error line
+    /// says that something is left unsent, besides 25 seconds for giving up the name. Do not call
+    /// it inside a send of this server, nor where such a send waits for this thread.
     void CloseDBusServer();
 
     /// The same operation.

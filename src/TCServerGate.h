@@ -38,7 +38,7 @@ public:
     OperationLock& operator=(const OperationLock&) = delete;
 
     explicit operator bool() const { return m_Held; }
-    void Unlock();
+    void Unlock() SENNET_THREAD_SAFETY(no_thread_safety_analysis); // held or not
 
 private:
     TCServer& m_Server;
