@@ -1,9 +1,67 @@
 // TCData and TCMessage.
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <locale>
+#include <new>
+
+#include <malloc.h>
+#include <pthread.h>
 
 #include "Harness.h"
 
 using namespace Velmora;
+
+namespace {
+
+std::atomic<std::size_t> g_Allocated{0}; // bytes that are in use
+std::atomic<std::size_t> g_Memory{std::numeric_limits<std::size_t>::max()};
+
+std::string Nested(std::size_t levels)
+{
+    std::string text;
+    for (std::size_t i = 0; i < levels; ++i) {
+        text += "{\"a\":";
+    }
+    return text + "1" + std::string(levels, '}');
+}
+
+void RunOnStackOf(std::size_t size, std::function<void()> function)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, size), 0);
+    pthread_t thread{};
+    const auto run = [](void* data) -> void* {
+        (*static_cast<std::function<void()>*>(data))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &function), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    void* const memory = g_Allocated + size <= g_Memory ? std::malloc(size) : nullptr;
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    g_Allocated += malloc_usable_size(memory);
+    return memory;
+}
+void operator delete(void* memory) noexcept
+{
+    g_Allocated -= malloc_usable_size(memory);
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    operator delete(memory);
+}
 
 TEST(Data, TellsJsonFromText)
 {
@@ -80,6 +138,86 @@ TEST(Data, CopyNormalisesAndAssignmentDoesNot)
     EXPECT_EQ(failed.GetError(), report);
     failed = *&failed;
     EXPECT_EQ(failed.GetMessage(), "other");
+}
+
+TEST(Data, IsReadNoDeeperThanTheStackOfTheThreadAllows)
+{
+    const struct
+    {
+        std::size_t stack, json, text; // levels
+    } cases[] = {{8192, 500, 1001}, {2048, 250, 1000}, {512, 20, 1000}, {128, 20, 1000}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.stack);
+        RunOnStackOf(c.stack * 1024, [&c] {
+            TCData data(Nested(c.json));
+            EXPECT_FALSE(data.m_Json.isNull());
+            EXPECT_EQ(TCData(data).GetString(), Nested(c.json));
+            EXPECT_FALSE(data.SetMessage(Nested(c.text)));
+            EXPECT_EQ(data.GetError(), "Exceeded stackLimit in readValue().");
+        });
+    }
+}
+
+TEST(Data, LeavesNothingOfALargeTextToItsThread)
+{
+    const std::string large(1000000, 'x');
+    TCData("[1]").Generate();
+    const std::size_t before = g_Allocated;
+    TCData("/*" + large + "*/[\"" + large + "\"]").Generate();
+    TCData("[\"" + large).Generate(); // not JSON
+    EXPECT_LT(g_Allocated, before + 10000);
+}
+
+TEST(Data, StaysWholeWhenMemoryRunsOut)
+{
+    std::string list = "[0";
+    for (int i = 0; i < 50000; ++i) {
+        list += ",0";
+    }
+    list += "]";
+    const auto failsWith = [](std::size_t memory, auto operation) {
+        const std::size_t before = g_Allocated;
+        g_Memory = before + memory;
+        EXPECT_THROW(operation(), std::bad_alloc);
+        g_Memory = std::numeric_limits<std::size_t>::max();
+        EXPECT_LT(g_Allocated, before + 10000);
+    };
+    TCData data("[1]");
+    failsWith(1000, [&] { data.SetMessage(list); });
+    EXPECT_EQ(data.m_Json.size(), 1U); // so far nothing has changed
+
+    std::string word = "word";
+    word.resize(list.size(), ' ');
+    data.SetMessage(word);
+    const std::string report = data.GetError();
+    failsWith(50000, [&] { data.SetMessage(list); }); // for a part of its values
+    EXPECT_TRUE(data.m_Json.isNull());
+    EXPECT_EQ(data.GetMessage(), list);
+    EXPECT_EQ(data.GetError(), report);
+
+    EXPECT_TRUE(data.Parse());
+    data.m_Json[0] = 5;
+    failsWith(1000, [&] { data.Generate(); });
+    EXPECT_EQ(data.GetMessage(), list);
+    data.Generate();
+    EXPECT_EQ(data.GetMessage(), "[5" + list.substr(2));
+}
+
+TEST(Data, TellsOnceThatTheLocaleMakesItLoseFractions)
+{
+    struct Comma : std::numpunct<char>
+    {
+        char do_decimal_point() const override { return ','; }
+    };
+    EXPECT_EQ(TCData("[0.5]").m_Json[0], 0.5);
+    EXPECT_EQ(CountLog(kError, "the global C++ locale*"), 0);
+    const std::locale before =
+        std::locale::global(std::locale(std::locale::classic(), new Comma)); // owned by it
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_NE(TCData("[0.5]").m_Json[0], 0.5);
+        EXPECT_EQ(CountLog(kError, "the global C++ locale*"), 1);
+    }
+    std::locale::global(before);
 }
 
 TEST(Message, OwnsACopyOfItsBuffer)
