@@ -127,7 +127,7 @@ public:
                 g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
             std::size_t length = 1;
             if (character <= kLastCharacter) {
-                length = g_utf8_skip[static_cast<unsigned char>(text[0])];
+                length = static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data());
             } else { // no UTF-8: some terminals know the control characters as single bytes
                 character = static_cast<unsigned char>(text[0]);
             }

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <locale>
+#include <new>
 #include <ostream>
 #include <streambuf>
 #include <utility>
@@ -45,8 +47,12 @@ protected:
 std::size_t StackLeft()
 {
     pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
-        rlimit limit = {}; // the main thread's, without a /proc to look into
+    const int error = pthread_getattr_np(pthread_self(), &attributes);
+    if (error == ENOMEM) {
+        throw std::bad_alloc();
+    }
+    if (error != 0) { // on the main thread, without a /proc to look into
+        rlimit limit = {};
         getrlimit(RLIMIT_STACK, &limit);
         return static_cast<std::size_t>(limit.rlim_cur);
     }

@@ -108,6 +108,7 @@ TEST(Data, GettersFollowTheSideThatLeads)
     EXPECT_EQ(data.GetMessage(), "");
     EXPECT_EQ(data.GetError(), "no error");
     data.m_Json["k"] = "v";
+    data.m_Json["k"].setComment(std::string("// of a client's own reader"), Json::commentBefore);
     const TCData& constant = data;
     EXPECT_EQ(constant.GetMessage(), "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>");
     EXPECT_EQ(constant.GetString(), R"({"k":"v"})");

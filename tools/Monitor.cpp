@@ -116,7 +116,7 @@ public:
         // Nothing is read from a closed connection, so no filter runs behind this.
         g_dbus_connection_close_sync(m_Bus.get(), nullptr, nullptr);
         g_dbus_connection_remove_filter(m_Bus.get(), m_Filter);
-        while (g_source_remove_by_user_data(this) != FALSE) {
+        while (g_idle_remove_by_data(this) != FALSE) {
         }
     }
     Monitor(const Monitor&) = delete;
