@@ -1,5 +1,6 @@
 // Writes lines with the library's own log service and fails if that changes anything for its
-// thread: log_writer [pending|journal], with a SIGPIPE pending, or standard error a journal's.
+// thread: log_writer [pending|journal|foreign], with a SIGPIPE pending, or standard error a
+// journal's or another socket than the journal's.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,11 +18,11 @@ namespace {
 
 int g_Journal[2] = {-1, -1}; // the process's end, and the one that the journal reads
 
-void BecomeAServiceOfAJournal()
+void BecomeAServiceOfAJournal(bool foreign)
 {
     struct stat status = {};
     socketpair(AF_UNIX, SOCK_STREAM, 0, g_Journal);
-    fstat(g_Journal[0], &status);
+    fstat(g_Journal[foreign ? 1 : 0], &status);
     setenv("JOURNAL_STREAM",
            (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
     dup2(g_Journal[0], STDERR_FILENO);
@@ -46,12 +47,12 @@ int main(int argc, char** argv)
     if (pending) {
         std::raise(SIGPIPE);
     } else if (argc > 1) {
-        BecomeAServiceOfAJournal();
+        BecomeAServiceOfAJournal(std::strcmp(argv[1], "foreign") == 0);
     }
     errno = ENOTEMPTY;
     VELMORA_LOGI("info");
     VELMORA_LOGW("%s", "warning two\n\033lines \xc3\xa9|\xc2\x9b|\xe2\x80\xae|\xe2\x81\xa6|\x9b|"
-                       "\033[8m\033[33m [nil]");
+                       "\033[8m\033[33m [nil]\n");
     VELMORA_LOGE("");
     for (const char* start : {"x", "xx", ""}) {
         std::string text = start;

@@ -91,6 +91,7 @@ TEST(Data, TellsJsonFromText)
         EXPECT_EQ(data.GetMessage(), c.text);
         EXPECT_EQ(data.GetError() == "no error", c.json);
         EXPECT_TRUE(c.json || data.m_Json.isNull());
+        EXPECT_FALSE(data.m_Json.hasComment(Json::commentBefore));
         const TCData copy(data);
         EXPECT_EQ(copy.GetString(), c.generated);
         data.Generate();
@@ -157,6 +158,11 @@ TEST(Data, IsReadNoDeeperThanTheStackOfTheThreadAllows)
             EXPECT_EQ(data.GetError(), "Exceeded stackLimit in readValue().");
         });
     }
+    RunOnStackOf(2048 * 1024, [] { // of which half is taken
+        volatile char taken[1024 * 1024];
+        taken[0] = 0;
+        EXPECT_TRUE(TCData(Nested(400)).m_Json.isNull());
+    });
 }
 
 TEST(Data, LeavesNothingOfALargeTextToItsThread)

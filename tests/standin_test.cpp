@@ -49,7 +49,8 @@ TEST(LogStandIn, WritesWholeLinesToStandardErrorAndSurvivesItsEnd)
         {"SENNET_LOG_LEVEL=error " + program + " 2>&1", errors},
         {"SENNET_LOG_LEVEL=none " + program + " 2>&1; echo $?", "0\n"},
         {program + " journal 2>&1", "<4>" + warning + "(?:<3>" + error + "){3}"},
-        // What somebody else's standard error was: here a pipe.
+        // What somebody else's standard error was.
+        {program + " foreign 2>&1", warning + errors},
         {"exec 3>&1; JOURNAL_STREAM=$(stat -Lc %d:%i /dev/fd/3) " + program + " 2>&3",
          warning + errors},
         {program + " 2>&-; echo $?", "0\n"},
