@@ -1,12 +1,7 @@
 // TCData and TCMessage.
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <locale>
-#include <new>
 
-#include <malloc.h>
 #include <pthread.h>
 
 #include "Harness.h"
@@ -14,9 +9,6 @@
 using namespace Velmora;
 
 namespace {
-
-std::atomic<std::size_t> g_Allocated{0}; // bytes that are in use
-std::atomic<std::size_t> g_Memory{std::numeric_limits<std::size_t>::max()};
 
 std::string Nested(std::size_t levels)
 {
@@ -43,25 +35,6 @@ void RunOnStackOf(std::size_t size, std::function<void()> function)
 }
 
 } // namespace
-
-void* operator new(std::size_t size)
-{
-    void* const memory = g_Allocated + size <= g_Memory ? std::malloc(size) : nullptr;
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    g_Allocated += malloc_usable_size(memory);
-    return memory;
-}
-void operator delete(void* memory) noexcept
-{
-    g_Allocated -= malloc_usable_size(memory);
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    operator delete(memory);
-}
 
 TEST(Data, TellsJsonFromText)
 {
@@ -144,6 +117,10 @@ TEST(Data, CopyNormalisesAndAssignmentDoesNot)
 
 TEST(Data, IsReadNoDeeperThanTheStackOfTheThreadAllows)
 {
+    RunOnStackOf(4096 * 1024, [] { // of which 3 MiB are taken
+        volatile char taken[3072 * 1024] = {1};
+        EXPECT_TRUE(TCData(Nested(400)).m_Json.isNull() && taken[0] == 1);
+    });
     const struct
     {
         std::size_t stack, json, text; // levels
@@ -158,56 +135,6 @@ TEST(Data, IsReadNoDeeperThanTheStackOfTheThreadAllows)
             EXPECT_EQ(data.GetError(), "Exceeded stackLimit in readValue().");
         });
     }
-    RunOnStackOf(2048 * 1024, [] { // of which half is taken
-        volatile char taken[1024 * 1024];
-        taken[0] = 0;
-        EXPECT_TRUE(TCData(Nested(400)).m_Json.isNull());
-    });
-}
-
-TEST(Data, LeavesNothingOfALargeTextToItsThread)
-{
-    const std::string large(1000000, 'x');
-    TCData("[1]").Generate();
-    const std::size_t before = g_Allocated;
-    TCData("/*" + large + "*/[\"" + large + "\"]").Generate();
-    TCData("[\"" + large).Generate(); // not JSON
-    EXPECT_LT(g_Allocated, before + 10000);
-}
-
-TEST(Data, StaysWholeWhenMemoryRunsOut)
-{
-    std::string list = "[0";
-    for (int i = 0; i < 50000; ++i) {
-        list += ",0";
-    }
-    list += "]";
-    const auto failsWith = [](std::size_t memory, auto operation) {
-        const std::size_t before = g_Allocated;
-        g_Memory = before + memory;
-        EXPECT_THROW(operation(), std::bad_alloc);
-        g_Memory = std::numeric_limits<std::size_t>::max();
-        EXPECT_LT(g_Allocated, before + 10000);
-    };
-    TCData data("[1]");
-    failsWith(1000, [&] { data.SetMessage(list); });
-    EXPECT_EQ(data.m_Json.size(), 1U); // so far nothing has changed
-
-    std::string word = "word";
-    word.resize(list.size(), ' ');
-    data.SetMessage(word);
-    const std::string report = data.GetError();
-    failsWith(50000, [&] { data.SetMessage(list); }); // for a part of its values
-    EXPECT_TRUE(data.m_Json.isNull());
-    EXPECT_EQ(data.GetMessage(), list);
-    EXPECT_EQ(data.GetError(), report);
-
-    EXPECT_TRUE(data.Parse());
-    data.m_Json[0] = 5;
-    failsWith(1000, [&] { data.Generate(); });
-    EXPECT_EQ(data.GetMessage(), list);
-    data.Generate();
-    EXPECT_EQ(data.GetMessage(), "[5" + list.substr(2));
 }
 
 TEST(Data, TellsOnceThatTheLocaleMakesItLoseFractions)
