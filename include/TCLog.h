@@ -16,8 +16,11 @@
 ///
 /// The stand-in writes one line to standard error and drops lines below its threshold, which is
 /// "warning" unless the environment variable `SENNET_LOG_LEVEL` says "debug", "info", "warning",
-/// "error" or "none" when the first line is written. A line is cut at 4,096 bytes, up to which
-/// POSIX has a write to a pipe atomic (`PIPE_BUF`).
+/// "error" or "none" when the first line is written; one line tells of any other value. Lines with
+/// an empty body appear at the threshold "debug" alone. A line is cut at 4,096 bytes, up to which
+/// POSIX has a write to a pipe atomic (`PIPE_BUF`). In what a line tells, control and formatting
+/// characters become blanks; the colours of the macros appear on a terminal only. `errno` and the
+/// signals of the thread stay as they are.
 ///
 /// @param log_id   the log buffer; 0 is the main one
 /// @param priority 3 debug, 4 info, 5 warning, 6 error

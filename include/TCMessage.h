@@ -49,10 +49,12 @@ public:
 
     virtual ~TCData() = default;
 
-    /// Parses the text into #m_Json, unless that is not empty: then it answers true and changes
+    /// Parses the text into #m_Json, unless that is not empty: then it returns true and changes
     /// nothing. The reader stops after the first complete value and ignores what follows it. If the
     /// text is not JSON, #m_Json is null, GetError() has the reader's report, and one info line
-    /// tells the text.
+    /// tells the text. A value that is nested more deeply than 1,000 levels, or than one level for
+    /// each 4 KiB of the thread's stack, counts as no JSON. If memory runs out, std::bad_alloc
+    /// passes through and the payload stays as it was.
     /// @return true if the payload is JSON
     bool Parse();
 
@@ -60,7 +62,8 @@ public:
     /// if #m_Json is empty.
     void Generate();
 
-    /// Replaces the text, empties #m_Json and parses the text.
+    /// Replaces the text, empties #m_Json and parses the text. If memory runs out, std::bad_alloc
+    /// passes through; the payload is the old one then, or the new text without a JSON.
     /// @return what Parse() says
     bool SetMessage(const std::string& text);
 

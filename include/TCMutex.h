@@ -65,8 +65,9 @@ public:
     /// touches it after that thread can run.
     void Give();
 
-    /// Frees what Create() made and writes an error line with an empty body, which is normal. Does
-    /// nothing on a semaphore that is not created.
+    /// Frees what Create() made and writes an error line with an empty body, which is normal and
+    /// which the stand-in for the log service hides. Does nothing on a semaphore that is not
+    /// created.
     virtual void Destroy();
 
 private:

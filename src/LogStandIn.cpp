@@ -2,7 +2,6 @@
 // which defines __dlog_print itself takes over.
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -10,10 +9,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <iterator>
+#include <string_view>
 
+#include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,84 +20,142 @@
 
 namespace {
 
-constexpr char kLetters[] = "DIWE";
 constexpr int kDebug = 3;
 constexpr int kWarning = 5;
 constexpr int kError = 6;
-constexpr int kNothing = 7;
 
-constexpr char kColourReset[] = "\033[0m";
+// By priority, from debug on.
+constexpr std::string_view kNames[] = {"debug", "info", "warning", "error", "none"};
+constexpr std::string_view kColours[] = {"\033[32m", "\033[37m", "\033[33m", "\033[31m"};
+constexpr char kLetters[] = "DIWE";
+constexpr int kSyslogLevels[] = {7, 6, 4, 3};
+
+constexpr std::string_view kColourReset = "\033[0m";
 constexpr std::size_t kTagMax = 64;
 
 // A longer write to a pipe may be torn apart by another writer.
 constexpr std::size_t kLineMax = PIPE_BUF;
 
-int ReadThreshold()
-{
-    const char* wanted = std::getenv("SENNET_LOG_LEVEL"); // NOLINT(concurrency-mt-unsafe)
-    if (wanted == nullptr) {
-        return kWarning;
-    }
-    const char* const names[] = {"debug", "info", "warning", "error", "none"};
-    for (int i = 0; kDebug + i <= kNothing; ++i) {
-        if (std::strcmp(wanted, names[i]) == 0) {
-            return kDebug + i;
-        }
-    }
-    return kWarning;
-}
-
-// A service manager tells which stream is the journal's by its device and inode.
+// A service manager tells which stream is the journal's, a socket, by its device and inode. The
+// variable also reaches processes whose standard error is another one by then.
 bool IsJournal()
 {
     static const char* const journal =
         std::getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe): once
     struct stat status = {};
-    if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0) {
+    if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0 || !S_ISSOCK(status.st_mode)) {
         return false;
     }
     char stream[64];
     std::snprintf(stream, sizeof stream, "%ju:%ju", static_cast<std::uintmax_t>(status.st_dev),
                   static_cast<std::uintmax_t>(status.st_ino));
-    return std::strcmp(stream, journal) == 0;
+    return std::string_view(stream) == journal;
 }
 
-// Length of the colour sequence (ESC [ digits m) at the start of the text, 0 if there is none.
-std::size_t ColourLength(const char* text)
+// Takes the prefix off the text, and says whether it was there.
+bool Skip(std::string_view& text, std::string_view prefix)
 {
-    if (text[0] != '\033' || text[1] != '[') {
-        return 0;
-    }
-    std::size_t length = 2;
-    while (std::isdigit(static_cast<unsigned char>(text[length])) != 0 || text[length] == ';') {
-        ++length;
-    }
-    return text[length] == 'm' ? length + 1 : 0;
+    const bool found = text.substr(0, prefix.size()) == prefix;
+    text.remove_prefix(found ? prefix.size() : 0);
+    return found;
 }
 
-// One line out of any text: colours stay for a terminal only, the newlines at the end go, and every
-// other control character becomes a blank, so that no text can forge a second line.
-std::size_t CopyAsLine(const char* text, bool colour, char* out, std::size_t room)
+// A line as the log macros put it together. The colour of its level and the reset at its end are
+// the only escape sequences that are its writer's own; all other text may come from anybody.
+struct MacroLine
 {
-    std::size_t used = 0;
-    while (*text != '\0' && used < room) {
-        if (const std::size_t length = ColourLength(text); length > 0) {
-            if (colour && length <= room - used) {
-                std::memcpy(out + used, text, length);
-                used += length;
-            }
-            text += length;
-            continue;
+    MacroLine(std::string_view text, int priority) : place(text)
+    {
+        const std::size_t escape = std::min(text.find('\033'), text.size());
+        std::string_view rest = text.substr(escape);
+        std::string_view named = rest;
+        if (!Skip(named, kColours[priority - kDebug]) || !Skip(named, " [") ||
+            !Skip(named, Velmora::GetProjectName()) || !Skip(named, "]")) {
+            return;
         }
-        const bool control = static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f;
-        out[used++] = control ? ' ' : *text;
-        ++text;
+        place = text.substr(0, escape);
+        colour = kColours[priority - kDebug];
+        rest.remove_prefix(colour.size());
+        for (const std::string_view end : {std::string_view("\n"), kColourReset}) {
+            if (rest.size() >= end.size() && rest.substr(rest.size() - end.size()) == end) {
+                rest.remove_suffix(end.size()); // a line that was cut has lost it
+            }
+        }
+        body = rest;
+        isEmpty = body.data() + body.size() == named.data();
     }
-    while (used > 0 && out[used - 1] == ' ') {
-        --used;
+
+    std::string_view place; // all of the line if the macros have not made it
+    std::string_view colour;
+    std::string_view body; // from the application name on
+    bool isEmpty = false;  // nothing stands behind the name
+};
+
+// Whether a terminal would take the character for a command, or show others in another order or on
+// another line.
+bool IsUnsafe(gunichar character)
+{
+    switch (g_unichar_type(character)) {
+    case G_UNICODE_CONTROL:
+    case G_UNICODE_FORMAT: // among them those that turn the direction of writing
+    case G_UNICODE_LINE_SEPARATOR:
+    case G_UNICODE_PARAGRAPH_SEPARATOR:
+        return true;
+    default:
+        return false;
     }
-    return used;
 }
+
+// Puts one line together in a buffer that leaves room for its end.
+class Line
+{
+public:
+    // As it stands.
+    void Add(std::string_view text)
+    {
+        if (text.size() <= kRoom - m_Size) {
+            m_Size += text.copy(m_Text + m_Size, text.size());
+        }
+    }
+
+    // With a blank for every unsafe character, so that no text can forge a second line, or colour
+    // or hide what stands in this one. What does not fit is cut off.
+    void AddSafely(std::string_view text)
+    {
+        while (!text.empty()) {
+            gunichar character =
+                g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+            std::size_t length = 1;
+            if (character <= kLastCharacter) {
+                length = static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data());
+            } else { // no UTF-8: some terminals know the control characters as single bytes
+                character = static_cast<unsigned char>(text[0]);
+            }
+            if (length > kRoom - m_Size) {
+                return;
+            }
+            Add(IsUnsafe(character) ? " " : text.substr(0, length));
+            text.remove_prefix(length);
+        }
+    }
+
+    std::string_view End(std::string_view end)
+    {
+        while (m_Size > 0 && m_Text[m_Size - 1] == ' ') {
+            --m_Size;
+        }
+        m_Size += end.copy(m_Text + m_Size, end.size());
+        m_Text[m_Size++] = '\n';
+        return {m_Text, m_Size};
+    }
+
+private:
+    static constexpr gunichar kLastCharacter = 0x10ffff;
+    static constexpr std::size_t kRoom = kLineMax - kColourReset.size() - 1;
+
+    char m_Text[kLineMax];
+    std::size_t m_Size = 0; // at most kRoom, until the end
+};
 
 // Keeps a standard error whose reader is gone, or a file at its size limit, from ending the
 // process: the signals of the failed write are blocked and taken back, unless they were pending
@@ -136,43 +193,66 @@ private:
     sigset_t m_Before;
 };
 
-// The priority is one of the four.
-int WriteLine(int priority, const char* tag, const char* format, va_list arguments)
+class ErrnoKept
 {
-    char text[kLineMax];
-    if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
-        std::snprintf(text, sizeof text, "%s", format); // better than nothing
-    }
-    char safeTag[kTagMax + 1];
-    safeTag[CopyAsLine(tag != nullptr ? tag : "", false, safeTag, kTagMax)] = '\0';
+public:
+    ErrnoKept() = default;
+    ~ErrnoKept() { errno = m_Error; }
+    ErrnoKept(const ErrnoKept&) = delete;
+    ErrnoKept& operator=(const ErrnoKept&) = delete;
 
+private:
+    const int m_Error = errno;
+};
+
+// The priority is one of the four.
+int WriteLine(int priority, const char* tag, const MacroLine& parts)
+{
     const bool journal = IsJournal();
-    char line[kLineMax];
-    int head = 0;
-    if (journal) {
-        // The journal reads the syslog level of a line from such a prefix (sd-daemon(3)).
-        constexpr int levels[] = {7, 6, 4, 3};
-        head = std::snprintf(line, sizeof line, "<%d>", levels[priority - kDebug]);
+    const bool colour = !journal && !parts.colour.empty() && isatty(STDERR_FILENO) == 1;
+    char number[64];
+    Line line;
+    if (journal) { // which reads the syslog level of a line from such a prefix (sd-daemon(3))
+        std::snprintf(number, sizeof number, "<%d>", kSyslogLevels[priority - kDebug]);
+        line.Add(number);
     }
-    head += std::snprintf(line + head, sizeof line - static_cast<std::size_t>(head),
-                          "%c/%s(%d:%d) ", kLetters[priority - kDebug], safeTag,
-                          static_cast<int>(getpid()), static_cast<int>(gettid()));
-
-    auto used = static_cast<std::size_t>(head);
-    const bool colour = !journal && isatty(STDERR_FILENO) == 1;
-    used += CopyAsLine(text, colour, line + used, sizeof line - used - sizeof kColourReset);
-    if (colour) { // a long line has lost its own
-        used = static_cast<std::size_t>(
-            std::copy(std::begin(kColourReset), std::end(kColourReset) - 1, line + used) - line);
-    }
-    line[used++] = '\n';
+    line.Add({&kLetters[priority - kDebug], 1});
+    line.Add("/");
+    line.AddSafely(std::string_view(tag != nullptr ? tag : "").substr(0, kTagMax));
+    std::snprintf(number, sizeof number, "(%d:%d) ", static_cast<int>(getpid()),
+                  static_cast<int>(gettid()));
+    line.Add(number);
+    line.AddSafely(parts.place);
+    line.Add(colour ? parts.colour : "");
+    line.AddSafely(parts.body);
+    const std::string_view text = line.End(colour ? kColourReset : "");
 
     const WriteSignalsBlocked blocked;
     ssize_t written = 0;
     do {
-        written = write(STDERR_FILENO, line, used);
+        written = write(STDERR_FILENO, text.data(), text.size());
     } while (written < 0 && errno == EINTR);
     return static_cast<int>(written);
+}
+
+int ReadThreshold()
+{
+    const char* const wanted =
+        std::getenv("SENNET_LOG_LEVEL"); // NOLINT(concurrency-mt-unsafe): once
+    if (wanted == nullptr) {
+        return kWarning;
+    }
+    const auto* const name = std::find(std::begin(kNames), std::end(kNames), wanted);
+    if (name != std::end(kNames)) {
+        return kDebug + static_cast<int>(name - std::begin(kNames));
+    }
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "SENNET_LOG_LEVEL is none of debug, info, warning, error and none, and so "
+                  "counts as warning: \"%s\"",
+                  wanted);
+    WriteLine(kWarning, "Sennet", {text, kWarning});
+    return kWarning;
 }
 
 } // namespace
@@ -182,18 +262,24 @@ int WriteLine(int priority, const char* tag, const char* format, va_list argumen
 extern "C" __attribute__((weak)) int __dlog_print(int /*log_id*/, int priority, const char* tag,
                                                   const char* format, ...)
 {
+    const ErrnoKept kept; // a line between a failed call and a look at errno changes nothing
     static const int threshold = ReadThreshold();
     priority = std::min(priority, kError);
     if (priority < threshold || format == nullptr) {
         return 0;
     }
-    const int error = errno; // a line between a failed call and a look at errno changes nothing
+    char text[kLineMax];
     va_list arguments;
     va_start(arguments, format);
-    const int written = WriteLine(priority, tag, format, arguments);
+    if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
+        std::snprintf(text, sizeof text, "%s", format); // better than nothing
+    }
     va_end(arguments);
-    errno = error;
-    return written;
+    const MacroLine parts(text, priority);
+    if (parts.isEmpty && threshold > kDebug) { // it only says that a place was passed
+        return 0;
+    }
+    return WriteLine(priority, tag, parts);
 }
 
 #pragma GCC visibility pop

@@ -1,11 +1,18 @@
 #include "TCMessage.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <locale>
+#include <new>
 #include <ostream>
 #include <streambuf>
 #include <utility>
 
 #include <glib.h>
+#include <pthread.h>
+#include <sys/resource.h>
 
 #include "JsonText.h"
 #include "TCLog.h"
@@ -35,19 +42,60 @@ protected:
     }
 };
 
+// How many bytes of the thread's stack are left to the caller. Not its size: the C library keeps
+// the thread's own variables in it as well.
+std::size_t StackLeft()
+{
+    pthread_attr_t attributes;
+    const int error = pthread_getattr_np(pthread_self(), &attributes);
+    if (error == ENOMEM) {
+        throw std::bad_alloc();
+    }
+    if (error != 0) { // on the main thread, without a /proc to look into
+        rlimit limit = {};
+        getrlimit(RLIMIT_STACK, &limit);
+        return static_cast<std::size_t>(limit.rlim_cur);
+    }
+    void* end = nullptr;
+    std::size_t size = 0;
+    pthread_attr_getstack(&attributes, &end, &size);
+    pthread_attr_destroy(&attributes);
+    return static_cast<std::size_t>(static_cast<char*>(__builtin_frame_address(0)) -
+                                    static_cast<char*>(end));
+}
+
+// The reader goes down a call or two a level, by jsoncpp's default 1,000 levels. With 2 KiB for
+// each, some four times what it takes and ten times what a copy or a write does, half of the stack
+// is left to those who call.
+std::size_t DepthLimit()
+{
+    return std::min<std::size_t>(StackLeft() / 2 / 2048, 1000);
+}
+
+// jsoncpp reads numbers by the global locale. A look at a locale that is not the usual one takes a
+// lock, at the usual one nothing.
+void TellOfDecimalComma()
+{
+    static std::atomic<bool> told{false};
+    if (told || std::locale() == std::locale::classic()) {
+        return;
+    }
+    const char point = std::use_facet<std::numpunct<char>>(std::locale()).decimal_point();
+    if (point != '.' && !told.exchange(true)) {
+        VELMORA_LOGE("the global C++ locale has the decimal point '%c': JSON loses the fractions "
+                     "of its numbers",
+                     point);
+    }
+}
+
 // A thread's JSON reader and writer. Making them costs more than using them on a short text.
 class JsonTools
 {
 public:
-    JsonTools() : m_Reader(Json::CharReaderBuilder().newCharReader()), m_Stream(&m_Sink)
+    JsonTools() : m_DepthLimit(DepthLimit()), m_Stream(&m_Sink)
     {
         // A failed append throws on through the stream instead of cutting the text.
         m_Stream.exceptions(std::ios_base::badbit);
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = "";
-        // The reader keeps comments, and on one line a "//" would swallow what follows it.
-        builder["commentStyle"] = "None";
-        m_Writer.reset(builder.newStreamWriter());
     }
 
     static JsonTools& OfThread()
@@ -66,26 +114,58 @@ public:
 
     bool Read(const std::string& text, Json::Value& value, std::string& errors)
     {
+        TellOfDecimalComma();
+        auto reader = m_Reader ? std::move(m_Reader) : MakeReader();
+        bool isJson = false;
         try {
-            return m_Reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+            isJson = reader->parse(text.data(), text.data() + text.size(), &value, &errors);
         } catch (const Json::Exception& tooDeep) {
             errors = tooDeep.what();
-            return false;
         }
+        if (text.size() <= kKeptFor) {
+            m_Reader = std::move(reader);
+        }
+        return isJson;
     }
 
     std::string Write(const Json::Value& value)
     {
+        auto writer = m_Writer ? std::move(m_Writer) : MakeWriter();
         std::string text;
         m_Sink.m_Target = &text;
         m_Stream.clear(); // of a write that threw
-        m_Writer->write(value, &m_Stream);
+        writer->write(value, &m_Stream);
+        if (text.size() <= kKeptFor) {
+            m_Writer = std::move(writer);
+        }
         return text;
     }
 
 private:
-    std::unique_ptr<Json::CharReader> m_Reader;
-    std::unique_ptr<Json::StreamWriter> m_Writer;
+    // Both keep the memory that a text has made them take, so that they go with a larger one.
+    static constexpr std::size_t kKeptFor = 65536;
+
+    std::unique_ptr<Json::CharReader> MakeReader() const
+    {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false; // allowed all the same
+        builder["stackLimit"] = Json::UInt64{m_DepthLimit};
+        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+    }
+
+    static std::unique_ptr<Json::StreamWriter> MakeWriter()
+    {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        // A client's own value may have comments, and on one line a "//" would swallow what
+        // follows.
+        builder["commentStyle"] = "None";
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }
+
+    const std::size_t m_DepthLimit;
+    std::unique_ptr<Json::CharReader> m_Reader;   // null until there is use for it,
+    std::unique_ptr<Json::StreamWriter> m_Writer; // as after a use that threw
     StringSink m_Sink;
     std::ostream m_Stream;
 };
@@ -147,8 +227,8 @@ bool TCData::Parse()
         json = Json::Value();
         VELMORA_LOGI("NOT JSON TYPE MESSAGE![%s]", m_Text.c_str());
     }
+    m_Error = errors.c_str(); // up to the first NUL; may throw, and then nothing has changed
     m_Json = std::move(json);
-    m_Error = errors.c_str(); // up to the first NUL
     return isJson;
 }
 
@@ -161,8 +241,8 @@ void TCData::Generate()
 
 bool TCData::SetMessage(const std::string& text)
 {
+    m_Text = text; // may throw, and then nothing has changed
     m_Json = Json::Value();
-    m_Text = text;
     return Parse();
 }
 

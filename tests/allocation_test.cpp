@@ -1,7 +1,11 @@
-// Memory that runs out at any point of a send. Without the capture of the log, which allocates.
+// Memory that runs out at any point of a send or a parse, or is kept. Without the capture of the
+// log, which allocates.
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <new>
+
+#include <malloc.h>
 
 #include "BusHarness.h"
 
@@ -12,13 +16,22 @@ namespace {
 // Counts the allocations of this thread down to the one that fails; 0 lets all succeed.
 thread_local int g_UntilFailure = 0;
 
+std::atomic<std::size_t> g_InUse{0}; // bytes
+
 void* Allocate(std::size_t size)
 {
     void* const memory = g_UntilFailure > 0 && --g_UntilFailure == 0 ? nullptr : std::malloc(size);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
+    g_InUse += malloc_usable_size(memory);
     return memory;
+}
+
+void Free(void* memory)
+{
+    g_InUse -= malloc_usable_size(memory);
+    std::free(memory);
 }
 
 // Runs a send with every one of its allocations failing in turn, and each time a check of what that
@@ -60,19 +73,59 @@ void* operator new[](std::size_t size)
 }
 void operator delete(void* memory) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete[](void* memory) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete[](void* memory, std::size_t /*size*/) noexcept
 {
-    std::free(memory);
+    Free(memory);
+}
+
+TEST(Allocation, FailedParseOrGenerateLeavesThePayloadWhole)
+{
+    const std::string text = R"({"list": [0, "a text that stays inside of no string"]})";
+    const std::string longer = text + text;
+    TCData data(text);
+    std::thread([&] { // which makes its reader and its writer here
+        FailEachAllocation(
+            [&] {
+                data.m_Json = Json::Value();
+                return data.Parse();
+            },
+            [&] {
+                EXPECT_TRUE(data.m_Json.isNull() || data.m_Json["list"].size() == 2);
+                EXPECT_EQ(data.GetMessage(), text);
+            });
+        g_UntilFailure = 1;
+        EXPECT_THROW(data.SetMessage(longer), std::bad_alloc);
+        EXPECT_EQ(data.m_Json["list"].size(), 2U); // so far nothing has changed
+        const std::string compact = TCData(data).GetString();
+        FailEachAllocation(
+            [&] {
+                data.Generate();
+                return true;
+            },
+            [&] { EXPECT_TRUE(data.GetMessage() == text || data.GetMessage() == compact); });
+        EXPECT_EQ(data.GetMessage(), compact);
+    })
+        .join();
+}
+
+TEST(Allocation, LargeTextLeavesNothingToItsThread)
+{
+    const std::string large(1000000, 'x');
+    TCData("[1]").Generate();
+    const std::size_t before = g_InUse;
+    TCData("/*" + large + "*/[\"" + large + "\"]").Generate();
+    TCData("[\"" + large).Generate(); // not JSON
+    EXPECT_LT(g_InUse, before + 10000);
 }
 
 TEST(Allocation, FailedPostQueuesNothingAndHoldsNoLock)

@@ -1,9 +1,40 @@
 // TCData and TCMessage.
 #include <cstring>
+#include <locale>
+
+#include <pthread.h>
 
 #include "Harness.h"
 
 using namespace Velmora;
+
+namespace {
+
+std::string Nested(std::size_t levels)
+{
+    std::string text;
+    for (std::size_t i = 0; i < levels; ++i) {
+        text += "{\"a\":";
+    }
+    return text + "1" + std::string(levels, '}');
+}
+
+void RunOnStackOf(std::size_t size, std::function<void()> function)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, size), 0);
+    pthread_t thread{};
+    const auto run = [](void* data) -> void* {
+        (*static_cast<std::function<void()>*>(data))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &function), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+} // namespace
 
 TEST(Data, TellsJsonFromText)
 {
@@ -33,6 +64,7 @@ TEST(Data, TellsJsonFromText)
         EXPECT_EQ(data.GetMessage(), c.text);
         EXPECT_EQ(data.GetError() == "no error", c.json);
         EXPECT_TRUE(c.json || data.m_Json.isNull());
+        EXPECT_FALSE(data.m_Json.hasComment(Json::commentBefore));
         const TCData copy(data);
         EXPECT_EQ(copy.GetString(), c.generated);
         data.Generate();
@@ -50,6 +82,7 @@ TEST(Data, GettersFollowTheSideThatLeads)
     EXPECT_EQ(data.GetMessage(), "");
     EXPECT_EQ(data.GetError(), "no error");
     data.m_Json["k"] = "v";
+    data.m_Json["k"].setComment(std::string("// of a client's own reader"), Json::commentBefore);
     const TCData& constant = data;
     EXPECT_EQ(constant.GetMessage(), "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>");
     EXPECT_EQ(constant.GetString(), R"({"k":"v"})");
@@ -80,6 +113,45 @@ TEST(Data, CopyNormalisesAndAssignmentDoesNot)
     EXPECT_EQ(failed.GetError(), report);
     failed = *&failed;
     EXPECT_EQ(failed.GetMessage(), "other");
+}
+
+TEST(Data, IsReadNoDeeperThanTheStackOfTheThreadAllows)
+{
+    RunOnStackOf(4096 * 1024, [] { // of which 3 MiB are taken
+        volatile char taken[3072 * 1024] = {1};
+        EXPECT_TRUE(TCData(Nested(400)).m_Json.isNull() && taken[0] == 1);
+    });
+    const struct
+    {
+        std::size_t stack, json, text; // levels
+    } cases[] = {{8192, 500, 1001}, {2048, 250, 1000}, {512, 20, 1000}, {128, 20, 1000}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.stack);
+        RunOnStackOf(c.stack * 1024, [&c] {
+            TCData data(Nested(c.json));
+            EXPECT_FALSE(data.m_Json.isNull());
+            EXPECT_EQ(TCData(data).GetString(), Nested(c.json));
+            EXPECT_FALSE(data.SetMessage(Nested(c.text)));
+            EXPECT_EQ(data.GetError(), "Exceeded stackLimit in readValue().");
+        });
+    }
+}
+
+TEST(Data, TellsOnceThatTheLocaleMakesItLoseFractions)
+{
+    struct Comma : std::numpunct<char>
+    {
+        char do_decimal_point() const override { return ','; }
+    };
+    EXPECT_EQ(TCData("[0.5]").m_Json[0], 0.5);
+    EXPECT_EQ(CountLog(kError, "the global C++ locale*"), 0);
+    const std::locale before =
+        std::locale::global(std::locale(std::locale::classic(), new Comma)); // owned by it
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_NE(TCData("[0.5]").m_Json[0], 0.5);
+        EXPECT_EQ(CountLog(kError, "the global C++ locale*"), 1);
+    }
+    std::locale::global(before);
 }
 
 TEST(Message, OwnsACopyOfItsBuffer)

@@ -26,31 +26,46 @@ std::string OutputOf(const std::string& command)
 
 TEST(LogStandIn, WritesWholeLinesToStandardErrorAndSurvivesItsEnd)
 {
-    const std::string place = R"(/Sennet\((\d+):\1\) log_writer\.cpp: main\(\d+\) >  \[nil\])";
-    const std::string warning = "W" + place + "warning two  lines\n";
-    const std::string error = "E" + place + "x+\n";
-    const std::string info = "I" + place + "info\n";
+    const auto place = [](const std::string& colour) {
+        return R"(/Sennet\((\d+):\1\) log_writer\.cpp: main\(\d+\) > )" + colour + R"( \[nil\])";
+    };
+    const std::string hostile = R"(warning two  lines é\| \| \| \| \| \[8m \[33m \[nil\])";
+    const std::string warning = "W" + place("") + hostile + "\n";
+    const std::string error = "E" + place("") + "x{0,2}(?:€){1300,}\n";
+    const std::string errors = "(?:" + error + "){3}";
+    const std::string info = "I" + place("") + "info\n";
+    const std::string unknown =
+        R"(W/Sennet\(\d+:\d+\) SENNET_LOG_LEVEL is none of .*"very loud"\n)";
     const std::string program = LOG_WRITER;
     const struct
     {
         std::string command, output;
     } cases[] = {
-        {program + " 2>&1", warning + error},
-        {"SENNET_LOG_LEVEL=nonsense " + program + " 2>&1", warning + error},
-        {"SENNET_LOG_LEVEL=info " + program + " 2>&1", info + warning + error},
-        {"SENNET_LOG_LEVEL=error " + program + " 2>&1", error},
+        {program + " 2>&1; echo $?", warning + errors + "0\n"},
+        {"SENNET_LOG_LEVEL='very loud' " + program + " 2>&1", unknown + warning + errors},
+        {"SENNET_LOG_LEVEL=info " + program + " 2>&1", info + warning + errors},
+        {"SENNET_LOG_LEVEL=debug " + program + " 2>&1",
+         info + warning + "E" + place("") + "\n" + errors},
+        {"SENNET_LOG_LEVEL=error " + program + " 2>&1", errors},
         {"SENNET_LOG_LEVEL=none " + program + " 2>&1; echo $?", "0\n"},
+        {program + " journal 2>&1", "<4>" + warning + "(?:<3>" + error + "){3}"},
+        // What somebody else's standard error was.
+        {program + " foreign 2>&1", warning + errors},
         {"exec 3>&1; JOURNAL_STREAM=$(stat -Lc %d:%i /dev/fd/3) " + program + " 2>&3",
-         "<4>" + warning + "<3>" + error},
+         warning + errors},
         {program + " 2>&-; echo $?", "0\n"},
         // Beyond its size limit a file takes no line; below it, a sanitizer's runtime has its own.
         {"file=$(mktemp); truncate -s 4M $file; (ulimit -f 2048; exec " + program +
              " 2>>$file); echo $?; rm $file",
          "0\n"},
         // The long line is cut, but not its end of the colour.
-        {"script -qec " + program + " /dev/null </dev/null | tail -c 8", "xx\033\\[0m\r\n"},
-        // The reader is gone: the write's signal must not end the process.
+        {"script -qec " + program + " /dev/null </dev/null | tail -c 9", "€\033\\[0m\r\n"},
+        {"script -qec " + program + " /dev/null </dev/null | grep -a ^W",
+         "W" + place("\033\\[33m") + hostile + "\033\\[0m\r\n"},
+        // The reader is gone: the write's signal must not end the process, nor be left behind.
         {"exec 3>&1; (sleep 0.2; " + program + "; echo $? >&3) 2>&1 >/dev/null | true", "0\n"},
+        {"exec 3>&1; (sleep 0.2; " + program + " pending; echo $? >&3) 2>&1 >/dev/null | true",
+         "0\n"},
     };
     for (const auto& c : cases) {
         const std::string output = OutputOf(c.command);

@@ -40,7 +40,8 @@ void Endpoint::Ask(const std::string& service, const TCMessage& message, int tim
         return;
     }
     if (SaysFail(answer)) {
-        throw Failure(kFailed, service + " answers with a failure: " + CompactJson(answer.m_Json));
+        throw Failure(kFailed, service + " answers with a failure: " +
+                                   PrintableName(CompactJson(answer.m_Json)));
     }
     if (g_get_monotonic_time() - start >= gint64{timeout} * 1000) {
         ThrowTimeout(service, timeout);

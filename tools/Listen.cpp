@@ -68,6 +68,7 @@ public:
     int Run()
     {
         m_Loop.EndOnSignals();
+        m_Output.DropForSlowReader();
         std::fputs("sennetctl listen: listening\n", stderr);
         m_Loop.Run();
         return m_Output.Finish();
@@ -93,7 +94,7 @@ private:
         } else {
             written = m_Output.WriteText(
                 ClockTime(now) + " " + m_Output.Paint(Output::Colour::Blue, signal) + " from " +
-                Printable(from != nullptr ? from : "?") + DescribeKind(message) + "\n" +
+                PrintableName(from != nullptr ? from : "?") + DescribeKind(message) + "\n" +
                 DescribeContent(message, "    ", true));
         }
         if (!written) {

@@ -59,9 +59,9 @@ std::string Describe(const Transfer& transfer, const Output& output)
     std::snprintf(kind, sizeof kind, "%-6s", KindName(transfer.kind));
     std::string text = ClockTime(transfer.time) + " " +
                        output.Paint(colours[static_cast<int>(transfer.kind)], kind) + " " +
-                       Printable(transfer.from);
+                       PrintableName(transfer.from);
     if (transfer.kind != Transfer::Kind::Signal) {
-        text += " -> " + Printable(transfer.to) + " #" + std::to_string(transfer.serial);
+        text += " -> " + PrintableName(transfer.to) + " #" + std::to_string(transfer.serial);
     }
     if (transfer.kind != Transfer::Kind::Reply) {
         text += " " + Printable(transfer.member);
@@ -116,7 +116,7 @@ public:
         // Nothing is read from a closed connection, so no filter runs behind this.
         g_dbus_connection_close_sync(m_Bus.get(), nullptr, nullptr);
         g_dbus_connection_remove_filter(m_Bus.get(), m_Filter);
-        while (g_source_remove_by_user_data(this) != FALSE) {
+        while (g_idle_remove_by_data(this) != FALSE) {
         }
     }
     Monitor(const Monitor&) = delete;
@@ -139,6 +139,7 @@ public:
     int Run()
     {
         m_Loop.EndOnSignals();
+        m_Output.DropForSlowReader();
         std::fputs("sennetctl monitor: monitoring\n", stderr);
         m_Loop.Run();
         return m_Output.Finish();

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
 #include <memory>
 #include <string_view>
 
-#include <glib.h>
+#include <glib-unix.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "Failure.h"
@@ -18,6 +19,9 @@ namespace Ctl {
 using namespace Velmora::Internal;
 
 namespace {
+
+constexpr std::size_t kWaitingLimit = 4 << 20; // bytes
+constexpr int kPatience = 2000;                // milliseconds, at the end
 
 bool WantsColours()
 {
@@ -37,18 +41,100 @@ std::string FormatTime(GDateTime* seconds, long long microseconds, const char* f
     return CharPtr(g_date_time_format(time.get(), format)).get();
 }
 
+// Whether the reader takes something within that time in milliseconds, -1 for without a limit.
+bool IsWritable(int patience)
+{
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&output, 1, patience);
+    } while (ready < 0 && errno == EINTR);
+    return ready != 0; // also of one that is gone, as the write will say
+}
+
 } // namespace
 
 Output::Output(bool json) : m_Json(json), m_Colours(!json && WantsColours()) {}
 
-bool Output::WriteText(const std::string& text)
+Output::~Output()
 {
-    errno = 0;
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    if (std::fflush(stdout) != 0 && m_WriteError == 0) {
-        m_WriteError = errno != 0 ? errno : EIO;
+    if (m_Source != 0) {
+        g_source_remove(m_Source);
+    }
+}
+
+bool Output::WriteText(std::string text)
+{
+    const bool room = m_WaitingSize == 0 || m_WaitingSize + text.size() <= kWaitingLimit;
+    if (m_Dropped > 0 || !room) {
+        ++m_Dropped;
+    } else {
+        m_WaitingSize += text.size();
+        m_Waiting.push_back(std::move(text));
+    }
+    WriteWaiting(m_Drops ? 0 : -1);
+    if (!m_Waiting.empty() && m_Source == 0) {
+        m_Source = g_unix_fd_add(STDOUT_FILENO, G_IO_OUT, &Output::OnWritable, this);
     }
     return m_WriteError == 0;
+}
+
+gboolean Output::OnWritable(int /*descriptor*/, GIOCondition /*condition*/, gpointer data)
+{
+    auto* const self = static_cast<Output*>(data);
+    self->WriteWaiting(0);
+    if (!self->m_Waiting.empty()) {
+        return G_SOURCE_CONTINUE;
+    }
+    self->m_Source = 0;
+    return G_SOURCE_REMOVE;
+}
+
+// Ends when nothing waits or the reader has taken nothing for that long.
+void Output::WriteWaiting(int patience)
+{
+    while (!m_Waiting.empty() && IsWritable(patience) && WriteSome()) {
+        if (m_Waiting.empty() && m_Dropped > 0) {
+            m_Waiting.push_back(DescribeDropped());
+            m_WaitingSize = m_Waiting.front().size();
+            m_Dropped = 0;
+        }
+    }
+}
+
+bool Output::WriteSome()
+{
+    // A pipe that takes anything takes so much without waiting.
+    const std::string& text = m_Waiting.front();
+    const std::size_t size = std::min<std::size_t>(text.size() - m_Written, PIPE_BUF);
+    const ssize_t written = write(STDOUT_FILENO, text.data() + m_Written, size);
+    if (written < 0) {
+        if (errno == EINTR || errno == EAGAIN) {
+            return true;
+        }
+        m_WriteError = errno;
+        m_Waiting.clear();
+        m_WaitingSize = m_Written = 0;
+        return false;
+    }
+    m_Written += static_cast<std::size_t>(written);
+    m_WaitingSize -= static_cast<std::size_t>(written);
+    if (m_Written == text.size()) {
+        m_Waiting.pop_front();
+        m_Written = 0;
+    }
+    return true;
+}
+
+std::string Output::DescribeDropped() const
+{
+    if (m_Json) {
+        Json::Value record;
+        record["time"] = IsoTime(g_get_real_time());
+        record["dropped"] = Json::UInt64{m_Dropped};
+        return CompactJson(record) + "\n";
+    }
+    return "... " + std::to_string(m_Dropped) + " more dropped: the output was not read in time\n";
 }
 
 bool Output::WriteRecord(const Json::Value& record)
@@ -87,8 +173,12 @@ std::string Output::Paint(Colour colour, const std::string& text) const
                      : text;
 }
 
-int Output::Finish() const
+int Output::Finish()
 {
+    WriteWaiting(kPatience);
+    if (!m_Waiting.empty()) {
+        throw Failure(kFailed, "cannot write the output: nobody reads it");
+    }
     if (m_WriteError == EPIPE) { // the reader has what it wanted
         return kFailed;
     }

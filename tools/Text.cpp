@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include <glib.h>
 
@@ -15,8 +16,13 @@ using namespace Velmora::Internal;
 
 namespace {
 
-constexpr unsigned int kDumpLimit = 1024; // bytes; enough for people
+// In bytes; enough for people.
+constexpr std::size_t kNameLimit = 1024;
+constexpr std::size_t kTextLimit = 65536;
+constexpr unsigned int kDumpLimit = 1024;
 constexpr unsigned int kDumpRow = 16;
+
+constexpr std::size_t kIndentLimit = 32; // columns
 
 std::string WriteJson(const Json::Value& value, bool asUtf8)
 {
@@ -26,24 +32,50 @@ std::string WriteJson(const Json::Value& value, bool asUtf8)
     return Json::writeString(builder, value);
 }
 
-// With each member on a line of its own, and brackets where people look for them.
-void LayOut(const Json::Value& value, const std::string& indent, std::string& text)
+// A value with each member on a line of its own, and brackets where people look for them.
+class Layout
 {
-    if (value.empty() || (!value.isObject() && !value.isArray())) {
-        text += WriteJson(value, true);
-        return;
-    }
-    const std::string inner = indent + "  ";
-    text += value.isObject() ? "{" : "[";
-    for (auto member = value.begin(); member != value.end(); ++member) {
-        text += member == value.begin() ? "\n" : ",\n";
-        text += inner;
-        if (value.isObject()) {
-            text += WriteJson(member.name(), true) + ": ";
+public:
+    explicit Layout(const Json::Value& value) { Add(value, ""); }
+
+    const std::string& Text() const { return m_Text; } // ends early if it is longer than is shown
+    bool IsDeep() const { return m_Deep; }
+
+private:
+    void Add(const Json::Value& value, const std::string& indent)
+    {
+        const bool hasMembers = !value.empty() && (value.isObject() || value.isArray());
+        if (!hasMembers || indent.size() == kIndentLimit) {
+            m_Text += WriteJson(value, true);
+            m_Deep = m_Deep || hasMembers;
+            return;
         }
-        LayOut(*member, inner, text);
+        const std::string inner = indent + "  ";
+        m_Text += value.isObject() ? "{" : "[";
+        for (auto member = value.begin(); member != value.end() && m_Text.size() <= kTextLimit;
+             ++member) {
+            m_Text += member == value.begin() ? "\n" : ",\n";
+            m_Text += inner;
+            if (value.isObject()) {
+                m_Text += WriteJson(member.name(), true) + ": ";
+            }
+            Add(*member, inner);
+        }
+        m_Text += "\n" + indent + (value.isObject() ? "}" : "]");
     }
-    text += "\n" + indent + (value.isObject() ? "}" : "]");
+
+    std::string m_Text;
+    bool m_Deep = false;
+};
+
+// What is shown of a text with that limit, in whole characters.
+std::string Beginning(const std::string& text, std::size_t limit)
+{
+    std::size_t size = std::min(text.size(), limit);
+    while (size < text.size() && size > 0 && (static_cast<unsigned char>(text[size]) >> 6U) == 2) {
+        --size;
+    }
+    return text.substr(0, size);
 }
 
 std::string Hex(const unsigned char* bytes, unsigned int size)
@@ -114,19 +146,28 @@ std::string Printable(const std::string& text)
     return line;
 }
 
+std::string PrintableName(const std::string& text)
+{
+    const std::string shown = Beginning(text, kNameLimit);
+    return Printable(shown) +
+           (shown.size() < text.size()
+                ? "... " + std::to_string(text.size() - shown.size()) + " bytes more"
+                : "");
+}
+
 std::optional<Json::Value> ReadJson(const std::string& text)
 {
+    if (!Velmora::TCData(text).Parse()) {
+        return std::nullopt;
+    }
     Json::CharReaderBuilder builder;
     builder["failIfExtra"] = true;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
-    try {
-        if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-            return value;
-        }
-    } catch (const Json::Exception&) { // nested too deeply
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    return value;
 }
 
 std::string CompactJson(const Json::Value& value)
@@ -138,15 +179,22 @@ std::string DescribeContent(const Velmora::TCMessage& message, const std::string
                             bool withBuffer)
 {
     const std::string text = message.GetString();
-    const std::optional<Json::Value> json = ReadJson(text);
-    std::string laidOut;
-    if (json) {
-        LayOut(*json, "", laidOut);
+    std::optional<Layout> layout;
+    if (const std::optional<Json::Value> json = ReadJson(text)) {
+        layout.emplace(*json);
     }
-    std::istringstream lines(json ? laidOut : text);
+    const std::string& shown = layout ? layout->Text() : text;
+    std::istringstream lines(Beginning(shown, kTextLimit));
     std::string content;
     for (std::string line; std::getline(lines, line);) {
         content += indent + Printable(line) + "\n";
+    }
+    if (layout && layout->IsDeep()) {
+        content += indent + "... deeper levels on one line\n";
+    }
+    if (shown.size() > kTextLimit) {
+        content +=
+            indent + "... cut here, the text has " + std::to_string(text.size()) + " bytes\n";
     }
     unsigned char* bytes = nullptr;
     const unsigned int size = message.GetBuffer(bytes);
@@ -159,8 +207,8 @@ void AddContent(Json::Value& record, const Velmora::TCMessage& message)
     record["code"] = Json::UInt64{message.m_Code};
     record["type"] = message.m_Type;
     record["text"] = text;
-    if (const std::optional<Json::Value> json = ReadJson(text)) {
-        record["json"] = *json;
+    if (std::optional<Json::Value> json = ReadJson(text)) {
+        record["json"] = std::move(*json);
     }
     unsigned char* bytes = nullptr;
     if (const unsigned int size = message.GetBuffer(bytes); size > 0) {
@@ -175,7 +223,7 @@ std::string DescribeKind(const Velmora::TCMessage& message)
         kind += " code " + std::to_string(message.m_Code);
     }
     if (!message.m_Type.empty()) {
-        kind += " type " + Printable(message.m_Type);
+        kind += " type " + PrintableName(message.m_Type);
     }
     return kind;
 }

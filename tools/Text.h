@@ -14,14 +14,17 @@ namespace Ctl {
 // line, are written as escapes.
 std::string Printable(const std::string& text);
 
-// The value of a text that is JSON from end to end, unlike the reader of the library, which stops
-// after the first value.
+// The value of a text that is JSON from end to end. The reader of the library stops after the first
+// value, but knows how deep this thread's stack lets a reader go.
 std::optional<Json::Value> ReadJson(const std::string& text);
 
 std::string CompactJson(const Json::Value& value);
 
+// The same of a name or another text that is short as a rule, and cut if it is not.
+std::string PrintableName(const std::string& text);
+
 // The content of a message in lines, each behind the indent: its text, JSON laid out, and the
-// buffer as a hex dump if wanted.
+// buffer as a hex dump if wanted. What is long is cut, and a line says so.
 std::string DescribeContent(const Velmora::TCMessage& message, const std::string& indent,
                             bool withBuffer);
 
