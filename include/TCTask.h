@@ -91,6 +91,8 @@ protected:
 private:
     class [[gnu::visibility("hidden")]] FailedSetupMark;
 
+    [[gnu::visibility("hidden")]] bool m_StartThread(const char* name, bool isSetUp,
+                                                     GError** error);
     [[gnu::visibility("hidden")]] void m_DropFailedSetup();
     [[gnu::visibility("hidden")]] void m_SetSettingUp(bool settingUp);
     [[gnu::visibility("hidden")]] GMainContext* m_RefContextAfterSetup();
