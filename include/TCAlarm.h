@@ -22,7 +22,7 @@ using TCAlarmCallback = bool (*)(void* userData);
 /// A repeating timer: calls a function at a fixed interval, a given number of times or for ever.
 ///
 /// Order of use: construct; Create(); SetAlarmCallback(), which starts the timer; Reset() as often
-/// as needed; Destroy(); destruct. The destructor does not stop a timer.
+/// as needed; Destroy(); destruct. The destructor does not stop a timer; it lets go of the loop.
 ///
 /// Every operation may be called on any thread, and from inside the callback. The callback runs
 /// with the alarm's lock held: a call from another thread waits until it has returned, and once
@@ -45,8 +45,8 @@ public:
     ///           until a later Create() takes another one or the alarm is destructed; when a task
     ///           has ended, timers on its loop do not run any more. A queue or task that is not set
     ///           up yet means the global default context. Null keeps the loop of an earlier
-    ///           Create(), at first the global default context. This takes the queue's lock, so
-    ///           that what is said of senders in TCHandler::t_Clear() holds for it.
+    ///           Create(), at first the global default context. With the loop, what clients have
+    ///           left attached to its context stays. This takes the queue's lock as a send does.
     /// @param interval milliseconds, up to 4,294,967,295; 0 starts no timer
     /// @param count how many runs, or VELMORA_INFINITY; 0 starts no timer
     /// @return true

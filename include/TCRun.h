@@ -68,12 +68,12 @@ inline bool Run(TCEventIO* queue, std::function<void()> callable)
 /// takes. Inside that loop, in a handler above all, it runs at once and nothing is queued.
 ///
 /// Returns without a result as soon as it is certain that the callable will not run: the queue has
-/// refused it or has destroyed it, see Run(), or its loop will not run, as in a task whose set-up
-/// has failed or that has handled EVENT_EXIT_TASK. On a queue whose loop does not run for another
-/// reason that takes until Final(); on one that is destructed without Final(), or whose t_Clear()
-/// does not pass the id on to TCEventIO, for ever. So it must not be called where the loop is
-/// waited for: by the thread of the loop before that runs or after it has ended (a task's Init(),
-/// Final() and t_Create()), in a t_Clear(), and by two queues for each other.
+/// refused it or has destroyed it, see Run(), EVENT_EXIT_TASK has quit the loop, or the queue is a
+/// task whose set-up or thread has failed or whose t_Main() has returned. On a queue whose loop
+/// does not run for another reason that takes until Final(); on one that is destructed without
+/// Final(), or whose t_Clear() does not pass the id on to TCEventIO, for ever. So it must not be
+/// called where the loop is waited for: by the thread of the loop while that does not run (a task's
+/// Init() and t_Create()), in a t_Clear(), and by two queues for each other.
 ///
 /// @param queue may be null, which gives no result; outlives the call
 /// @param callable anything that is called without arguments; it stays the caller's, and nothing

@@ -103,7 +103,7 @@ int TCEventIO::m_WriteByte()
     do {
         written = write(writeEnd, "O", 1);
     } while (written < 0 && errno == EINTR);
-    const int error = errno;
+    const int error = written < 0 ? errno : EIO;
     if (mayBlock) {
         fcntl(writeEnd, F_SETFL, 0);
     }

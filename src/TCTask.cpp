@@ -200,6 +200,7 @@ void TCTask::t_Destroy() {}
 void TCTask::m_Destroy()
 {
     VELMORA_LOGI("");
+    m_Stop();
     for (const GList* node = m_IOList; node != nullptr; node = node->next) {
         VELMORA_LOGI("Final IO begin");
         auto* const io = static_cast<TCIOBase*>(node->data);

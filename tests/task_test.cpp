@@ -26,11 +26,12 @@ public:
     void Final() override
     {
         m_Journal += "-" + m_Name;
-        if (!ends) {
-            throw std::runtime_error("client");
+        if (inFinal) {
+            inFinal();
         }
     }
-    bool works = true, ends = true;
+    bool works = true;
+    std::function<void()> inFinal;
 
 private:
     std::string& m_Journal;
@@ -349,9 +350,11 @@ TEST_F(TaskTest, DestroyLeavesTheExitEventToAHandlerThatKeepsIt)
         task.Iterate();
         g_main_loop_quit(task.m_TaskLoop);
     };
+    task.AddIO(&task.x);
+    task.x.inFinal = [&] { EXPECT_FALSE(RunAndWait(&task, [] {})); };
     ASSERT_TRUE(task.Create("name"));
     task.Destroy();
-    EXPECT_EQ(task.seen, "k c1 e7 c7 ");
+    EXPECT_EQ(task.seen, "k c1 e7 c7 c6 ");
 }
 
 TEST_F(TaskTest, DestroyEndsATaskThatWasToldToQuitBeforeItsLoopRan)
@@ -370,11 +373,10 @@ TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
 {
     task.inSetup = [] { throw std::runtime_error("client"); };
     EXPECT_THROW(task.Create("name"), std::runtime_error);
-    task.inSetup = nullptr;
     task.AddIO(&task.x);
-    task.z.ends = false; // nor is one that cannot be taken back
+    task.z.inFinal = std::exchange(task.inSetup, nullptr); // nor is one that cannot be taken back
     EXPECT_THROW(task.Create("name"), std::runtime_error);
-    task.z.ends = true;
+    task.z.inFinal = nullptr;
     task.journal.clear();
     EXPECT_TRUE(task.Create("name"));
     EXPECT_TRUE(Send(&task, 7));
