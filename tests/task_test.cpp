@@ -13,6 +13,7 @@ using namespace Velmora;
 namespace {
 
 std::atomic<bool> g_NoThreads{false};
+std::atomic<int> g_Attached{0}; // sources
 
 class IO : public TCIOBase
 {
@@ -125,6 +126,15 @@ extern "C" GThread* g_thread_try_new(const char* name, GThreadFunc function, gpo
     static const auto real =
         reinterpret_cast<decltype(&g_thread_try_new)>(dlsym(RTLD_NEXT, "g_thread_try_new"));
     return real(name, function, data, error);
+}
+
+extern "C" guint g_source_attach(GSource* source, GMainContext* context)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&g_source_attach)>(dlsym(RTLD_NEXT, "g_source_attach"));
+    const guint id = real(source, context);
+    ++g_Attached;
+    return id;
 }
 
 TEST_F(TaskTest, DrivesItsIOsInOrderOnEitherThread)
@@ -320,8 +330,10 @@ TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
             std::promise<void> begun, lost;
             victim.onEvent = [&](const TCEvent& event) {
                 if (event.id == 7) {
+                    const int attached = g_Attached;
                     begun.set_value();
-                    Await([&] { return before || victim.CountEvent() > 0; });
+                    Await([&] { return before || g_Attached > attached; });
+                    victim.Iterate(); // what Destroy has attached is over
                     c.loses();
                     lost.set_value();
                 }
