@@ -308,7 +308,8 @@ void TCEventIO::m_PursueExit()
     if (request == ExitRequest::None || request == ExitRequest::Dispatched) {
         return;
     }
-    const bool watched = m_Source != nullptr && !g_source_is_destroyed(m_Source);
+    // A queue that has stopped while its loop runs told the loop to quit before it ran.
+    const bool watched = !m_Stopped && m_Source != nullptr && !g_source_is_destroyed(m_Source);
     if (watched && request == ExitRequest::Queued) {
         return;
     }

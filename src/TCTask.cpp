@@ -265,12 +265,7 @@ GMainContext* TCTask::m_RefContextAfterSetup()
 gboolean TCTask::m_InsistOnExit(gpointer data)
 {
     auto* const task = static_cast<TCTask*>(data);
-    if (!g_main_loop_is_running(task->m_TaskLoop)) {
-        return G_SOURCE_REMOVE; // it has quit, and only a nested loop still runs
-    }
-    if (task->m_Stopped) { // it was told to quit before it ran
-        g_main_loop_quit(task->m_TaskLoop);
-    } else {
+    if (g_main_loop_is_running(task->m_TaskLoop)) { // else only a nested loop still runs
         task->m_PursueExit();
     }
     return G_SOURCE_REMOVE;

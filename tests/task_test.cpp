@@ -54,6 +54,7 @@ public:
     using TCTask::m_PipeFileDes;
     using TCTask::m_TaskLoop;
     void DestroyWatch() { g_source_destroy(m_Source); }
+    void LowerWatch() { g_source_set_priority(m_Source, G_PRIORITY_LOW); }
     void Iterate()
     {
         for (int i = 0; i < 20; ++i) {
@@ -374,6 +375,7 @@ TEST_F(TaskTest, DestroyEndsATaskThatWasToldToQuitBeforeItsLoopRan)
     task.beforeMain = [&] {
         Send(&task, EVENT_EXIT_TASK);
         task.Iterate();
+        task.LowerWatch();
     };
     ASSERT_TRUE(task.Create("name"));
     Await([&] { return g_main_loop_is_running(task.m_TaskLoop); });
