@@ -221,6 +221,7 @@ TEST_F(TaskTest, FailedSetupOnTheThreadEndsIt)
     g_NoThreads = true;
     EXPECT_FALSE(task.Create("name", false));
     g_NoThreads = false;
+    task.Destroy(); // there is no set-up to wait for
     EXPECT_TRUE(task.Create("name", false));
     task.Destroy();
 }
