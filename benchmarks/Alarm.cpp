@@ -37,7 +37,7 @@ void StartStopOurs(benchmark::State& state)
     IdleQueue queue;
     Velmora::TCAlarm alarm;
     for (auto _ : state) {
-        alarm.Create(&queue, kInterval, Velmora::VELMORA_INFINITY);
+        alarm.Create(&queue, kInterval, static_cast<unsigned long>(Velmora::VELMORA_INFINITY));
         alarm.SetAlarmCallback([](void*) { return true; }, nullptr);
         alarm.Destroy();
     }

@@ -33,7 +33,7 @@ int main()
         return 1;
     }
     TCAlarm alarm;
-    alarm.Create(nullptr, 100, VELMORA_INFINITY); // on the main loop
+    alarm.Create(nullptr, 100, static_cast<unsigned long>(VELMORA_INFINITY)); // on the main loop
     alarm.SetAlarmCallback(&Clock::Tick, &clock);
     loop.Run();
     alarm.Destroy();

@@ -28,7 +28,7 @@ public:
 
     bool Start()
     {
-        return m_Alarm.Create(this, 200, VELMORA_INFINITY) &&
+        return m_Alarm.Create(this, 200, static_cast<unsigned long>(VELMORA_INFINITY)) &&
                m_Alarm.SetAlarmCallback(&Sensor::Measure, this);
     }
     void Stop() { m_Alarm.Destroy(); } // before its scope closes the server that it sends by

@@ -22,7 +22,7 @@ using TCAlarmCallback = bool (*)(void* userData);
 /// A repeating timer: calls a function at a fixed interval, a given number of times or for ever.
 ///
 /// Order of use: construct; Create(); SetAlarmCallback(), which starts the timer; Reset() as often
-/// as needed; Destroy(); destruct. The destructor does not stop a timer.
+/// as needed; Destroy(); destruct. The destructor does not stop a timer; it lets go of the loop.
 ///
 /// Every operation may be called on any thread, and from inside the callback. The callback runs
 /// with the alarm's lock held: a call from another thread waits until it has returned, and once
@@ -35,16 +35,18 @@ class __attribute__((visibility("default"))) TCAlarm
 {
 public:
     TCAlarm();
-    ~TCAlarm() = default;
+    ~TCAlarm();
     TCAlarm(const TCAlarm&) = delete;
     TCAlarm& operator=(const TCAlarm&) = delete;
 
     /// Says where and how often the callback is to run. Starts nothing. Changes nothing on an alarm
     /// that is created already.
-    /// @param io the queue whose loop carries the timer. The loop is taken at this moment and not
-    ///           owned: it has to outlive the timer, and a queue or task that is not set up yet
-    ///           means the global default context. Null keeps the loop of an earlier Create(), at
-    ///           first the global default context.
+    /// @param io the queue whose loop carries the timer. The loop is taken at this moment, and held
+    ///           until a later Create() takes another one or the alarm is destructed; when a task
+    ///           has ended, timers on its loop do not run any more. A queue or task that is not set
+    ///           up yet means the global default context. Null keeps the loop of an earlier
+    ///           Create(), at first the global default context. With the loop, what clients have
+    ///           left attached to its context stays. This takes the queue's lock as a send does.
     /// @param interval milliseconds, up to 4,294,967,295; 0 starts no timer
     /// @param count how many runs, or VELMORA_INFINITY; 0 starts no timer
     /// @return true
@@ -71,6 +73,7 @@ public:
 
 private:
     [[gnu::visibility("hidden")]] static gboolean m_GSourceFunc(void* alarm);
+    [[gnu::visibility("hidden")]] static GMainLoop* m_RefLoop(TCEventIO& io);
     [[gnu::visibility("hidden")]] void m_StartTimer();
     [[gnu::visibility("hidden")]] void m_StopTimer();
 
@@ -78,7 +81,7 @@ private:
     void* m_UserData = nullptr;
     std::unique_ptr<std::recursive_mutex> m_Mutex; ///< guards all other fields
     bool m_Created = false;
-    GMainLoop* m_MainLoop = nullptr; ///< not owned
+    GMainLoop* m_MainLoop = nullptr; ///< one reference
     /// Null when no timer runs. One reference, so that Destroy() after the end of the loop, and of
     /// all its sources, meets a source that is over and not a freed one.
     GSource* m_Source = nullptr;

@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <list>
+#include <memory>
 #include <string>
 
 #include <glib.h>
@@ -20,6 +22,13 @@ namespace Velmora {
 class TCAlarm;
 class TCEventIO;
 class TCHandler;
+class TCTask;
+
+namespace Internal {
+/// What RunAndWait() does with a queue whose loop runs on another thread: returns when the callable
+/// has run or is certain not to.
+void RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
+} // namespace Internal
 
 /// @name Event ids
 /// The ids that TCEventIO::t_OnEvent() and TCEventIO::t_Clear() give a meaning. Every other id, 0
@@ -27,7 +36,8 @@ class TCHandler;
 /// on to the base class, or takes their handling away.
 /// @{
 
-/// Quits the loop that was given to TCEventIO::Init(). `param.p` is not used.
+/// Quits the loop that was given to TCEventIO::Init(); what is queued behind it is not dispatched.
+/// `param.p` is not used.
 inline constexpr unsigned long EVENT_EXIT_TASK = 1;
 /// Delivers the heap TCMessage in `param.p`; used between servers of one process.
 inline constexpr unsigned long EVENT_TRANSFER_MESSAGE = 3;
@@ -149,9 +159,15 @@ protected:
 /// Capacity: each entry holds one byte of a pipe until it is dispatched. A pipe of the kernel's
 /// default size takes 61,440 to 65,536 entries; a send that finds no room is refused at once.
 ///
-/// A handler that runs a nested main loop on the same context sees later events of the queue inside
-/// that loop, before it has returned itself: the queue's source may recurse
-/// (g_source_set_can_recurse), which saves two system calls an event.
+/// A main loop that a handler runs on the same context dispatches the context's other sources,
+/// other queues among them, but no event of this queue: the next one follows when the handler has
+/// returned. Do not wait for an event of the queue in such a loop.
+///
+/// Once EVENT_EXIT_TASK has quit the loop, nothing else is dispatched until Final() and a new
+/// Init(); Final() clears what is queued.
+///
+/// A child made with fork() may do nothing with the library but exec: it shares the pipes of the
+/// queues that it has inherited. Sends to them are refused there, and leave the parent's alone.
 class __attribute__((visibility("default"))) TCEventIO : public TCIOBase, public TCHandler
 {
 public:
@@ -229,6 +245,8 @@ public:
 
 protected:
     friend class TCAlarm;
+    friend class TCTask;
+    friend void Internal::RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
 
     /// Handles the ids of the library; see there.
     /// @return true for those ids but EVENT_CLEAR_QUEUE, false for all others and a null event
@@ -268,23 +286,50 @@ protected:
     int m_PipeFileDes[2] = {-1, -1};
 
 private:
+    class [[gnu::visibility("hidden")]] Dispatch;
+
+    static constexpr unsigned long kLockWait = 1000; ///< microseconds
+
+    /// What has become of the exit event of a TCTask::Destroy() that waits.
+    enum class ExitRequest : std::uint8_t {
+        None,
+        Queued,
+        Taken,      ///< off the list, its byte not read: for good if that fails
+        Dispatched, ///< its receiver has it, and decides
+        Lost,       ///< refused, deleted or cleared
+    };
+
     [[gnu::visibility("hidden")]] static TCEventIO* m_FindQueue(const TCEvent* event);
     [[gnu::visibility("hidden")]] bool m_Report(PostResult result) const;
+    [[gnu::visibility("hidden")]] PostResult m_PostOwned(std::unique_ptr<TCEvent> entry,
+                                                         bool urgent);
+    [[gnu::visibility("hidden")]] PostResult m_PostExit();
+    [[gnu::visibility("hidden")]] void m_PursueExit();
+    [[gnu::visibility("hidden")]] void m_Stop();
     [[gnu::visibility("hidden")]] bool m_OpenPipe();
+    [[gnu::visibility("hidden")]] bool m_OwnsPipe() const;
+    [[gnu::visibility("hidden")]] void m_CountReadByte();
+    [[gnu::visibility("hidden")]] GSource* m_MakeWatch(GIOChannel* channel);
     [[gnu::visibility("hidden")]] bool m_AttachWatch();
     [[gnu::visibility("hidden")]] void m_ReleaseWatch();
+    [[gnu::visibility("hidden")]] void m_LeaveDispatch();
     [[gnu::visibility("hidden")]] bool m_HasRoomForSure()
         SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
-    [[gnu::visibility("hidden")]] PostResult m_WriteByte()
+    [[gnu::visibility("hidden")]] int m_WriteByte()
         SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
     [[gnu::visibility("hidden")]] void m_PutBack(TCEvent* byPointer);
     [[gnu::visibility("hidden")]] bool m_AwaitHandler(const TCEvent* event, TCSemaphore& handled);
     [[gnu::visibility("hidden")]] void m_ClearEntries()
         SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
 
-    bool m_PipeOpen = false;                   ///< of Init(), Final() and the destructor
+    bool m_PipeOpen = false; ///< of Init(), Final() and the destructor
+    /// Of Destroy() until its event is queued or refused, then of the loop's thread.
+    std::atomic<ExitRequest> m_Exit{ExitRequest::None};
+    std::atomic<bool> m_Stopped{false};        ///< nothing is dispatched any more; any thread
+    std::uint8_t m_PipeForks = 0;              ///< the forks before Init(); constant after it
     std::atomic<unsigned int> m_EntryCount{0}; ///< size of the list, for readers without the lock
-    /// Bytes written and not yet read out of the channel, so at least as many as the pipe holds.
+    /// Bytes written and not yet read out of the channel, so at least as many as the pipe holds of
+    /// them.
     /// Raised under the lock, lowered on the loop's thread.
     std::atomic<std::uint64_t> m_UnreadBytes{0};
     /// Written since the pipe was last known empty.

@@ -21,7 +21,8 @@
 namespace Velmora {
 
 /// The timeout that never ends, for every timeout of the locks and of TCEventIO::Ping(); as the
-/// count of a TCAlarm, "for ever".
+/// count of a TCAlarm, "for ever". Where `unsigned long` has 32 bits, all of them set mean the
+/// same.
 extern const std::uint64_t VELMORA_INFINITY;
 
 class TCServer;

@@ -68,11 +68,12 @@ inline bool Run(TCEventIO* queue, std::function<void()> callable)
 /// takes. Inside that loop, in a handler above all, it runs at once and nothing is queued.
 ///
 /// Returns without a result as soon as it is certain that the callable will not run: the queue has
-/// refused it or has destroyed it, see Run(). On a queue whose loop does not run that takes until
-/// Final(); on one that is destructed without Final(), or whose t_Clear() does not pass the id on
-/// to TCEventIO, for ever. So it must not be called where the loop is waited for: by the thread of
-/// the loop before that runs or after it has ended (a task's Init(), Final() and t_Create()), in a
-/// t_Clear(), and by two queues for each other.
+/// refused it or has destroyed it, see Run(), EVENT_EXIT_TASK has quit the loop, or the queue is a
+/// task whose set-up or thread has failed or whose t_Main() has returned. On a queue whose loop
+/// does not run for another reason that takes until Final(); on one that is destructed without
+/// Final(), or whose t_Clear() does not pass the id on to TCEventIO, for ever. So it must not be
+/// called where the loop is waited for: by the thread of the loop while that does not run (a task's
+/// Init() and t_Create()), in a t_Clear(), and by two queues for each other.
 ///
 /// @param queue may be null, which gives no result; outlives the call
 /// @param callable anything that is called without arguments; it stays the caller's, and nothing
@@ -85,30 +86,25 @@ auto RunAndWait(TCEventIO* queue, Callable&& callable)
 {
     using Result = std::decay_t<std::invoke_result_t<Callable&>>;
     using Outcome = std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>>;
+    std::packaged_task<Result()> task([&] { return std::invoke(callable); });
     bool begun = false;
-    auto task = std::make_shared<std::packaged_task<Result()>>([&] {
+    const auto call = [&] {
         begun = true;
-        return std::invoke(callable);
-    });
-    std::future<Result> result = task->get_future();
+        task();
+    };
     if (queue != nullptr && Internal::QueueThread::IsCurrent(*queue)) {
-        (*task)();
+        call();
     } else {
-        // The queue has the only reference: when it goes without a run, the promise is broken.
-        Run(queue, [task = std::move(task)] { (*task)(); });
+        Internal::RunAndAwait(queue, call);
     }
-    try {
-        if constexpr (std::is_void_v<Result>) {
-            result.get();
-            return Outcome(true);
-        } else {
-            return Outcome(result.get());
-        }
-    } catch (const std::future_error&) {
-        if (begun) {
-            throw; // the callable's own
-        }
+    if (!begun) {
         return Outcome();
+    }
+    if constexpr (std::is_void_v<Result>) {
+        task.get_future().get();
+        return Outcome(true);
+    } else {
+        return Outcome(task.get_future().get());
     }
 }
 

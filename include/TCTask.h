@@ -48,9 +48,14 @@ public:
     /// @return true when the thread was started
     bool Create(const char* name, bool here = true, unsigned long unused = 0);
 
-    /// Ends the task and waits for its thread: what is queued is dispatched first. Waits for a
-    /// set-up that is still running. May be called on any thread but the task's own, where it
-    /// writes an error line and does nothing; calls from two threads wait for each other.
+    /// Ends the task and waits for its thread: sends EVENT_EXIT_TASK, so that what is queued is
+    /// dispatched first. The event is sent again if it is lost on its way; a subclass that keeps it
+    /// from the base class has to quit the loop itself.
+    ///
+    /// May be called on any thread but the task's own, where it writes an error line and does
+    /// nothing; calls from two threads wait for each other. After Create() with `here` false it
+    /// waits for a set-up that is still running. With true it must not overlap with Create(): the
+    /// thread that this starts would not be joined.
     void Destroy();
 
     /// Adds an object that gets Init() when the task is set up and Final() when it ends, both in
@@ -91,6 +96,8 @@ protected:
 private:
     class [[gnu::visibility("hidden")]] FailedSetupMark;
 
+    [[gnu::visibility("hidden")]] bool m_StartThread(const char* name, bool isSetUp,
+                                                     GError** error);
     [[gnu::visibility("hidden")]] void m_DropFailedSetup();
     [[gnu::visibility("hidden")]] void m_SetSettingUp(bool settingUp);
     [[gnu::visibility("hidden")]] GMainContext* m_RefContextAfterSetup();

@@ -90,7 +90,7 @@ public:
     bool Start()
     {
         return Create("service") && CreateDBusServer() &&
-               m_Alarm.Create(this, 5, VELMORA_INFINITY) &&
+               m_Alarm.Create(this, 5, static_cast<unsigned long>(VELMORA_INFINITY)) &&
                m_Alarm.SetAlarmCallback(&Service::Tick, this);
     }
 

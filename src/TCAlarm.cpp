@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include "GLibPtr.h"
+#include "MutexGuard.h"
 
 namespace Velmora {
 
@@ -12,23 +13,46 @@ using namespace Internal;
 
 using Guard = std::lock_guard<std::recursive_mutex>;
 
-TCAlarm::TCAlarm()
-    : m_Mutex(std::make_unique<std::recursive_mutex>()), m_RepeatCount(VELMORA_INFINITY)
-{}
+namespace {
+
+const auto kForEver = static_cast<unsigned long>(VELMORA_INFINITY);
+
+} // namespace
+
+TCAlarm::TCAlarm() : m_Mutex(std::make_unique<std::recursive_mutex>()), m_RepeatCount(kForEver) {}
+
+TCAlarm::~TCAlarm()
+{
+    if (m_MainLoop != nullptr) {
+        g_main_loop_unref(m_MainLoop);
+    }
+}
 
 bool TCAlarm::Create(TCEventIO* io, unsigned long interval, unsigned long count)
 {
+    // Taken before, and what it replaces released after the alarm's lock: a queue's lock may be
+    // held where a client uses the alarm, and a loop that goes takes the client's sources with it.
+    LoopPtr loop(io != nullptr ? m_RefLoop(*io) : nullptr);
     const Guard guard(*m_Mutex);
     if (m_Created) {
         return true;
     }
     if (io != nullptr) {
-        m_MainLoop = io->m_MainLoop;
+        GMainLoop* const replaced = std::exchange(m_MainLoop, loop.release());
+        loop.reset(replaced);
     }
     m_Created = true;
     m_Interval = interval;
     m_RepeatCount = count;
     return true;
+}
+
+// A task takes its loop out of the queue under this lock before it releases it.
+GMainLoop* TCAlarm::m_RefLoop(TCEventIO& io)
+{
+    const MutexGuard guard(io.m_QueueMutex);
+    GMainLoop* const loop = io.m_MainLoop;
+    return loop != nullptr ? g_main_loop_ref(loop) : nullptr;
 }
 
 bool TCAlarm::SetAlarmCallback(TCAlarmCallback callback, void* userData)
@@ -67,7 +91,7 @@ void TCAlarm::Destroy()
     m_Callback = nullptr;
     m_UserData = nullptr;
     m_Interval = 0;
-    m_RepeatCount = VELMORA_INFINITY;
+    m_RepeatCount = kForEver;
     m_Created = false;
 }
 
@@ -100,7 +124,7 @@ gboolean TCAlarm::m_GSourceFunc(void* data)
     if (alarm->m_Source != g_main_current_source()) {
         return G_SOURCE_REMOVE; // stopped or replaced while this dispatch waited for the lock
     }
-    const bool forEver = alarm->m_RepeatCount == VELMORA_INFINITY;
+    const bool forEver = alarm->m_RepeatCount == kForEver;
     if (forEver || alarm->m_RepeatCount > 0) {
         if (!forEver) {
             --alarm->m_RepeatCount;
@@ -110,7 +134,7 @@ gboolean TCAlarm::m_GSourceFunc(void* data)
         }
     }
     alarm->m_StopTimer(); // also one that the callback has started before it said no
-    alarm->m_RepeatCount = VELMORA_INFINITY;
+    alarm->m_RepeatCount = kForEver;
     return G_SOURCE_REMOVE;
 }
 

@@ -1,12 +1,13 @@
 #include "TCEventIO.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <utility>
 
-#include "GLibPtr.h"
 #include "MutexGuard.h"
+#include "QueueEntries.h"
 #include "SyncPair.h"
 #include "TransferDelivery.h"
 
@@ -16,56 +17,9 @@ using namespace Internal;
 
 namespace {
 
-constexpr unsigned long kLockWait = 1000;      // microseconds
 constexpr unsigned long kSyncWait = 20000000;  // microseconds
 constexpr unsigned long kTakeBackWait = 10000; // microseconds
 constexpr unsigned long kPingWaitMin = 2100;   // microseconds
-
-// What follows OnEvent for an event queued by pointer, also when the handler has thrown: once the
-// sender is answered, the event is not touched any more. The pair is noted before, so that a
-// handler that writes into `param.p` or sends the event on does not keep its sender for ever.
-class Answer
-{
-public:
-    explicit Answer(const TCEvent* event) : m_Event(event), m_Pair(event->param.p) {}
-    ~Answer()
-    {
-        if (m_Event->param.p == nullptr) {
-            VELMORA_LOGE("param.p should not be NULL!");
-        }
-        if (m_Pair != nullptr) {
-            AnswerSyncPair(m_Pair);
-            FreeSyncPair(m_Pair);
-        }
-    }
-    Answer(const Answer&) = delete;
-    Answer& operator=(const Answer&) = delete;
-
-private:
-    const TCEvent* m_Event;
-    void* m_Pair;
-};
-
-void DispatchByPointer(const TCEvent* event, TCHandler* receiver)
-{
-    const Answer answer(event);
-    receiver->OnEvent(event);
-}
-
-void DispatchByValue(TCEvent& event)
-{
-    if (event.deleted) {
-        VELMORA_LOGI("deleted event");
-    } else {
-        try {
-            event.receiver->OnEvent(&event);
-        } catch (...) {
-            event.receiver->OnClear(&event);
-            throw;
-        }
-    }
-    event.receiver->OnClear(&event);
-}
 
 } // namespace
 
@@ -79,6 +33,7 @@ TCEventIO::TCEventIO(std::string name) : m_Name(std::move(name))
 TCEventIO::~TCEventIO()
 {
     m_ReleaseWatch();
+    m_LeaveDispatch(); // of the handler that destroys this queue
     m_QueueMutex.Destroy();
 }
 
@@ -90,6 +45,8 @@ bool TCEventIO::Init(GMainLoop* loop)
     }
     m_ReleaseWatch(); // left by an Init whose t_Init said no
     m_MainLoop = loop;
+    m_Stopped = false;
+    m_Exit = ExitRequest::None;
     if (!m_OpenPipe() || !m_AttachWatch()) {
         m_ReleaseWatch();
         return false;
@@ -113,6 +70,7 @@ void TCEventIO::Final()
     m_ClearEntries();
     m_ReleaseWatch();
     m_FlagCreate = false;
+    m_PursueExit(); // a Destroy may wait for an event that was cleared
 }
 
 bool TCEventIO::t_Init()
@@ -258,40 +216,54 @@ bool TCEventIO::m_Put(TCEvent* event)
 {
     // The copy and the list's node are made before the lock is taken: whatever throws, nothing is
     // queued, and the lock is held for as long as the byte takes.
-    std::unique_ptr<TCEvent> copy(event->sync ? nullptr : new TCEvent(*event));
-    std::list<TCEvent*> node{copy ? copy.get() : event};
-    if (!m_Report(m_Post(node, false))) {
-        return false;
+    if (!event->sync) {
+        return m_Report(m_PostOwned(std::make_unique<TCEvent>(*event), false));
     }
-    static_cast<void>(copy.release()); // the list's: m_Get or the clearing frees it
-    return true;
+    std::list<TCEvent*> node{event};
+    return m_Report(m_Post(node, false));
 }
 
 bool TCEventIO::m_Insert(TCEvent* event)
 {
     auto copy = std::make_unique<TCEvent>(*event);
     copy->sync = false; // left set by a SendSyncEvent of the same object
-    std::list<TCEvent*> node{copy.get()};
-    if (!m_Report(m_Post(node, true))) {
-        return false;
+    return m_Report(m_PostOwned(std::move(copy), true));
+}
+
+TCEventIO::PostResult TCEventIO::m_PostOwned(std::unique_ptr<TCEvent> entry, bool urgent)
+{
+    std::list<TCEvent*> node{entry.get()};
+    const PostResult result = m_Post(node, urgent);
+    if (result == PostResult::Queued) {
+        static_cast<void>(entry.release()); // the list's: m_Get or the clearing frees it
     }
-    static_cast<void>(copy.release()); // as in m_Put
-    return true;
+    return result;
 }
 
 TCEventIO::PostResult TCEventIO::m_Post(std::list<TCEvent*>& node, bool urgent)
 {
-    const MutexGuard guard(m_QueueMutex);
-    if (!m_FlagCreate) {
-        return PostResult::NotCreated;
+    int error = 0;
+    {
+        const MutexGuard guard(m_QueueMutex);
+        if (!m_FlagCreate || !m_OwnsPipe()) {
+            return PostResult::NotCreated;
+        }
+        error = m_WriteByte();
+        if (error == 0) {
+            // The loop may see the byte already, but cannot look at the list before the lock is
+            // free.
+            m_EventList.splice(urgent ? m_EventList.begin() : m_EventList.end(), node);
+            ++m_EntryCount;
+        }
     }
-    const PostResult result = m_WriteByte();
-    if (result == PostResult::Queued) {
-        // The loop may see the byte already, but cannot look at the list before the lock is free.
-        m_EventList.splice(urgent ? m_EventList.begin() : m_EventList.end(), node);
-        ++m_EntryCount;
+    if (error == 0) {
+        return PostResult::Queued;
     }
-    return result;
+    if (error == EAGAIN) {
+        return PostResult::PipeFull;
+    }
+    VELMORA_LOGE("event io %s: write to pipe fail,%s", m_Name.c_str(), g_strerror(error));
+    return PostResult::WriteFailed;
 }
 
 bool TCEventIO::m_Report(PostResult result) const
@@ -311,85 +283,6 @@ bool TCEventIO::m_Report(PostResult result) const
     return false;
 }
 
-bool TCEventIO::m_Get(TCEvent* event, TCEvent** byPointer, unsigned long timeout)
-{
-    std::list<TCEvent*> taken; // freed after the lock
-    {
-        if (!m_QueueMutex.Try(timeout)) {
-            VELMORA_LOGE("Try lock mutex fail!");
-            return false;
-        }
-        const MutexGuard guard(m_QueueMutex, std::adopt_lock);
-        if (!m_FlagCreate) {
-            VELMORA_LOGE("event io %s has destroyed!", m_Name.c_str());
-            return false;
-        }
-        if (m_EventList.empty()) {
-            return true;
-        }
-        taken.splice(taken.begin(), m_EventList, m_EventList.begin());
-        --m_EntryCount;
-    }
-    TCEvent* const entry = taken.front();
-    if (entry->sync) {
-        *byPointer = entry;
-    } else {
-        const std::unique_ptr<TCEvent> owned(entry);
-        *event = std::move(*owned);
-    }
-    return true;
-}
-
-gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition*/, gpointer data)
-{
-    auto* const self = static_cast<TCEventIO*>(data);
-    TCEvent event;
-    TCEvent* byPointer = nullptr;
-    if (!self->m_Get(&event, &byPointer, kLockWait)) {
-        return TRUE; // entry and byte stay, and with them the next callback
-    }
-
-    gchar byte[2] = {};
-    gsize size = 0;
-    GError* raw = nullptr;
-    const GIOStatus status = g_io_channel_read_chars(channel, byte, 1, &size, &raw);
-    const ErrorPtr error(raw);
-    if (status != G_IO_STATUS_NORMAL && byPointer != nullptr) {
-        self->m_PutBack(byPointer);
-    }
-    switch (status) {
-    case G_IO_STATUS_ERROR:
-    case G_IO_STATUS_AGAIN:
-        if (error) {
-            VELMORA_LOGE("Read char from pipe fail,%s", error->message);
-        }
-        g_source_unref(std::exchange(self->m_Source, nullptr));
-        return FALSE;
-    case G_IO_STATUS_EOF:
-        VELMORA_LOGW("Read char from pipe to the end!");
-        return TRUE;
-    case G_IO_STATUS_NORMAL:
-        break;
-    }
-    --self->m_UnreadBytes;
-
-    if (byPointer != nullptr) {
-        DispatchByPointer(byPointer, byPointer->receiver);
-    } else if (event.receiver != nullptr) {
-        DispatchByValue(event);
-    }
-    return TRUE;
-}
-
-// An event that is not the queue's cannot be lost with a failed read: its sender finds it in the
-// list when its limit runs out, or Final does before.
-void TCEventIO::m_PutBack(TCEvent* byPointer)
-{
-    const MutexGuard guard(m_QueueMutex);
-    m_EventList.push_front(byPointer);
-    ++m_EntryCount;
-}
-
 // Clears the list from its head until it is empty, entries that are added meanwhile included.
 void TCEventIO::m_ClearEntries()
 {
@@ -399,12 +292,27 @@ void TCEventIO::m_ClearEntries()
         --m_EntryCount;
         if (!entry->sync) {
             const std::unique_ptr<TCEvent> owned(entry);
+            if (IsExitEvent(*owned)) {
+                m_Exit = ExitRequest::Lost;
+            }
             if (owned->receiver != nullptr) {
                 owned->receiver->OnClear(owned.get());
             }
         } else if (void* const pair = entry->param.p; pair != nullptr) {
             AnswerSyncPair(pair);
             FreeSyncPair(pair);
+        }
+    }
+}
+
+// From here on nothing is dispatched: the loop has been told to quit, or will never run.
+void TCEventIO::m_Stop()
+{
+    m_Stopped = true;
+    const MutexGuard guard(m_QueueMutex);
+    for (const TCEvent* entry : m_EventList) {
+        if (const auto* const awaited = dynamic_cast<const AwaitedEvent*>(entry)) {
+            awaited->GiveUp();
         }
     }
 }
@@ -419,6 +327,7 @@ bool TCEventIO::t_OnEvent(const TCEvent* event)
     case EVENT_EXIT_TASK:
         if (GMainLoop* const loop = m_MainLoop; loop != nullptr) {
             g_main_loop_quit(loop);
+            m_Stop();
         }
         return true;
     case EVENT_TRANSFER_MESSAGE:
@@ -473,6 +382,32 @@ void TCEventIO::t_Clear(TCEvent* event)
     default:
         break;
     }
+}
+
+void Internal::RunAndAwait(TCEventIO* receiver, std::function<void()> callable)
+{
+    const auto call = std::make_shared<AwaitedCall>(std::move(callable));
+    auto event = std::make_unique<AwaitedEvent>(call);
+    event->receiver = receiver;
+    event->id = EVENT_EXECUTE_FUNCTION;
+    TCEventIO* const queue = TCEventIO::m_FindQueue(event.get());
+    if (queue == nullptr) {
+        return;
+    }
+    // Goes with the last copy of the function, so that the call is given up if that has not run.
+    std::shared_ptr<AwaitedCall> queued(call.get(),
+                                        [call](AwaitedCall* unrun) { unrun->GiveUp(); });
+    auto function =
+        std::make_unique<std::function<void()>>([queued = std::move(queued)] { queued->Run(); });
+    event->param.p = function.get();
+    if (!queue->m_Report(queue->m_PostOwned(std::move(event), false))) {
+        return;
+    }
+    static_cast<void>(function.release()); // the queue's: its t_Clear frees it
+    if (queue->m_Stopped) {
+        call->GiveUp(); // m_Stop may have come before the entry
+    }
+    call->Wait();
 }
 
 bool SendEvent(TCEvent* event)

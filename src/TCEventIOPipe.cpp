@@ -1,21 +1,23 @@
-// The wake-up pipe of a queue and the watch on it: one byte a queued event.
+// The wake-up pipe of a queue: one byte a queued event.
 #include "TCEventIO.h"
 
+#include <atomic>
 #include <cerrno>
-#include <utility>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
-#include "GLibPtr.h"
-
 namespace Velmora {
-
-using namespace Internal;
 
 namespace {
 
 const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+
+// How many forks lie between this process and the first one. A child shares the pipes of its
+// parent's queues, whose bytes only the parent may write and read.
+std::atomic<std::uint8_t> g_Forks{0};
+[[maybe_unused]] const int g_CountForks = pthread_atfork(nullptr, nullptr, [] { ++g_Forks; });
 
 // A process that has closed its standard streams would get their numbers here, and whatever it
 // writes to standard error, log lines above all, would land in the pipe.
@@ -49,50 +51,19 @@ bool TCEventIO::m_OpenPipe()
     }
     fcntl(m_PipeFileDes[0], F_SETFL, O_NONBLOCK);
     m_UnreadBytes = 0;
+    m_PipeForks = g_Forks;
     return true;
 }
 
-bool TCEventIO::m_AttachWatch()
+bool TCEventIO::m_OwnsPipe() const
 {
-    m_Channel = g_io_channel_unix_new(m_PipeFileDes[0]);
-    if (m_Channel == nullptr) {
-        VELMORA_LOGE("Create channel fail!");
-        return false;
-    }
-    GError* raw = nullptr;
-    const GIOStatus status = g_io_channel_set_encoding(m_Channel, nullptr, &raw);
-    const ErrorPtr error(raw);
-    if (status != G_IO_STATUS_NORMAL) {
-        if (error) {
-            VELMORA_LOGE("Read char from pipe fail,%s", error->message);
-        }
-        return false;
-    }
-
-    m_Source = g_io_create_watch(m_Channel, G_IO_IN);
-    GMainLoop* const loop = m_MainLoop;
-    GMainContext* const context =
-        loop != nullptr ? g_main_loop_get_context(loop) : g_main_context_default();
-    // GLib takes a source that may not recurse out of the poll set for each dispatch, and wakes the
-    // context's own poll for it twice. A nested loop in a handler goes on with the queue instead.
-    g_source_set_can_recurse(m_Source, TRUE);
-    g_source_set_callback(m_Source, G_SOURCE_FUNC(&TCEventIO::m_InterIOWatch), this, nullptr);
-    g_source_attach(m_Source, context);
-    g_io_channel_unref(std::exchange(m_Channel, nullptr)); // the watch holds it from here on
-    return true;
+    return m_PipeForks == g_Forks;
 }
 
-void TCEventIO::m_ReleaseWatch()
+void TCEventIO::m_CountReadByte()
 {
-    if (m_Source != nullptr) {
-        DestroySource(std::exchange(m_Source, nullptr));
-    }
-    if (m_Channel != nullptr) {
-        g_io_channel_unref(std::exchange(m_Channel, nullptr));
-    }
-    if (std::exchange(m_PipeOpen, false)) {
-        close(m_PipeFileDes[1]);
-        close(m_PipeFileDes[0]);
+    if (m_UnreadBytes > 0) { // a byte that this queue has not written, but a forked child
+        --m_UnreadBytes;
     }
 }
 
@@ -118,8 +89,8 @@ bool TCEventIO::m_HasRoomForSure()
 }
 
 // Writes one byte for one entry, or finds no room, but never waits: this runs under the lock that
-// the loop needs before it reads.
-TCEventIO::PostResult TCEventIO::m_WriteByte()
+// the loop needs before it reads. Returns 0 or the error, which is told without the lock.
+int TCEventIO::m_WriteByte()
 {
     const int writeEnd = m_PipeFileDes[1];
     // The write end is a blocking one. Where the pipe may be full, it is made non-blocking for this
@@ -132,20 +103,16 @@ TCEventIO::PostResult TCEventIO::m_WriteByte()
     do {
         written = write(writeEnd, "O", 1);
     } while (written < 0 && errno == EINTR);
-    const int error = errno;
+    const int error = written < 0 ? errno : EIO;
     if (mayBlock) {
         fcntl(writeEnd, F_SETFL, 0);
     }
     if (written == 1) {
         ++m_UnreadBytes;
         ++m_RunBytes;
-        return PostResult::Queued;
+        return 0;
     }
-    if (error == EAGAIN) {
-        return PostResult::PipeFull;
-    }
-    VELMORA_LOGE("event io %s: write to pipe fail,%s", m_Name.c_str(), g_strerror(error));
-    return PostResult::WriteFailed;
+    return error;
 }
 
 } // namespace Velmora

@@ -22,10 +22,13 @@ private:
     GMutex* m_Mutex;
 };
 
-gint64 DeadlineAfter(unsigned long timeout)
+// As the timeouts have it.
+const auto kForEver = static_cast<unsigned long>(VELMORA_INFINITY);
+
+gint64 DeadlineAfter(std::uint64_t timeout)
 {
     const gint64 now = g_get_monotonic_time();
-    const auto left = static_cast<unsigned long>(G_MAXINT64 - now);
+    const auto left = static_cast<std::uint64_t>(G_MAXINT64 - now);
     return timeout < left ? now + static_cast<gint64>(timeout) : G_MAXINT64;
 }
 
@@ -49,7 +52,7 @@ bool TCSemaphore::m_WaitOnce(unsigned long timeout)
 {
     bool signalled = true;
     ++m_Waiters;
-    if (timeout == VELMORA_INFINITY) {
+    if (timeout == kForEver) {
         g_cond_wait(m_EventCond, m_EventMutex);
     } else {
         signalled = g_cond_wait_until(m_EventCond, m_EventMutex, DeadlineAfter(timeout)) != 0;
@@ -65,14 +68,14 @@ void TCSemaphore::Take()
 {
     const NativeGuard guard(m_EventMutex);
     while (m_Count < 1) {
-        m_WaitOnce(VELMORA_INFINITY);
+        m_WaitOnce(kForEver);
     }
     --m_Count;
 }
 
 bool TCSemaphore::Try(unsigned long timeout)
 {
-    if (timeout == VELMORA_INFINITY) {
+    if (timeout == kForEver) {
         Take();
         return true;
     }

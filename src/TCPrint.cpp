@@ -17,6 +17,16 @@
 
 namespace Velmora {
 
+namespace {
+
+// Right across a wrap of the ticks, too, which take 49 days to it on 32 bits.
+unsigned long MillisecondsSince(std::uint64_t ticks)
+{
+    return TCAlarm::GetTickCount() - static_cast<unsigned long>(ticks);
+}
+
+} // namespace
+
 TCPrint::TCPrint(int mode, const char* name, int /*unused*/)
     : m_ScopeStart(TCAlarm::GetTickCount()), m_Mode(mode), m_Name(name)
 {
@@ -26,7 +36,7 @@ TCPrint::TCPrint(int mode, const char* name, int /*unused*/)
 TCPrint::~TCPrint()
 {
     if (m_Mode == 1) {
-        const unsigned long duration = TCAlarm::GetTickCount() - m_ScopeStart;
+        const unsigned long duration = MillisecondsSince(m_ScopeStart);
         WPERF_LINE("[OUT][%s]!! duration = %lu", m_Name, duration);
     }
 }
@@ -39,7 +49,7 @@ void TCPrint::Start(const char* name, int number)
 
 void TCPrint::End(const char* name, int number)
 {
-    const unsigned long duration = TCAlarm::GetTickCount() - m_MarkStart;
+    const unsigned long duration = MillisecondsSince(m_MarkStart);
     WPERF_LINE("[END][%s:%d]!! duration = %lu ", name, number, duration);
 }
 

@@ -32,14 +32,16 @@ void TCServerSignalManager::SubscribeNativeSignal(const std::string& key,
 bool TCServerSignalManager::UnsubscribeSignal(TCSignalType /*type*/, const std::string& key,
                                               unsigned int& id)
 {
-    const Guard guard(m_TableMutex);
-    const auto found = m_SignalTable.find(key);
-    if (found == m_SignalTable.end()) {
-        return false;
+    {
+        const Guard guard(m_TableMutex);
+        const auto found = m_SignalTable.find(key);
+        if (found == m_SignalTable.end()) {
+            return false;
+        }
+        id = found->second->m_SubscriptionId;
+        m_SignalTable.erase(found);
     }
-    id = found->second->m_SubscriptionId;
     VELMORA_LOGI("UnSubscribeSignal %s(%d)", key.c_str(), static_cast<int>(id));
-    m_SignalTable.erase(found);
     return true;
 }
 
@@ -48,18 +50,20 @@ bool TCServerSignalManager::GetHandlerForNativeSignal(const std::string& signalN
                                                       TCSignalCallback& callback,
                                                       void*& userData) const
 {
-    const Guard guard(m_TableMutex);
-    auto found = m_SignalTable.find(key);
-    if (found == m_SignalTable.end()) {
-        found = m_SignalTable.find(signalName);
+    {
+        const Guard guard(m_TableMutex);
+        auto found = m_SignalTable.find(key);
+        if (found == m_SignalTable.end()) {
+            found = m_SignalTable.find(signalName);
+        }
+        if (found != m_SignalTable.end()) {
+            callback = found->second->m_Callback;
+            userData = found->second->m_UserData;
+            return true;
+        }
     }
-    if (found == m_SignalTable.end()) {
-        VELMORA_LOGD("cannot find %s", key.c_str());
-        return false;
-    }
-    callback = found->second->m_Callback;
-    userData = found->second->m_UserData;
-    return true;
+    VELMORA_LOGD("cannot find %s", key.c_str());
+    return false;
 }
 
 void TCServerSignalManager::Destroy(std::vector<unsigned int>& ids)

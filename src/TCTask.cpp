@@ -3,14 +3,13 @@
 #include <utility>
 
 #include "GLibPtr.h"
+#include "MutexGuard.h"
 
 namespace Velmora {
 
 using namespace Internal;
 
 namespace {
-
-constexpr int kWhenDrained = G_PRIORITY_LOW;
 
 const char* NameOrEmpty(const char* name)
 {
@@ -23,7 +22,8 @@ const char* NameOrEmpty(const char* name)
 
 } // namespace
 
-// Notes how much of the list a set-up on the calling thread has left, however Create ends.
+// Notes how much of the list a set-up on the calling thread has left, however Create ends, and that
+// no loop will run.
 class TCTask::FailedSetupMark
 {
 public:
@@ -32,6 +32,7 @@ public:
     {
         if (m_Task.m_Thread == nullptr && m_Task.m_TaskLoop != nullptr) {
             m_Task.m_StaleIOs = g_list_length(m_Task.m_IOList);
+            m_Task.m_Stop();
         }
     }
     FailedSetupMark(const FailedSetupMark&) = delete;
@@ -78,16 +79,21 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
         Destroy();
         return false;
     }
+    GError* raw = nullptr;
+    const bool started = m_StartThread(name, here, &raw);
+    if (const ErrorPtr error(raw); error) {
+        VELMORA_LOGE("Thread created fail,%s", error->message);
+    }
+    return started;
+}
+
+bool TCTask::m_StartThread(const char* name, bool isSetUp, GError** error)
+{
     // A Destroy on another thread must not come between the start of the thread and its record.
     const std::lock_guard<std::mutex> lock(m_DestroyMutex);
-    m_SetSettingUp(!here);
-    GError* raw = nullptr;
-    GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, this, &raw);
-    const ErrorPtr error(raw);
+    m_SetSettingUp(!isSetUp);
+    GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, this, error);
     if (thread == nullptr) {
-        if (error) {
-            VELMORA_LOGE("Thread created fail,%s", error->message);
-        }
         m_SetSettingUp(false);
         return false;
     }
@@ -194,6 +200,7 @@ void TCTask::t_Destroy() {}
 void TCTask::m_Destroy()
 {
     VELMORA_LOGI("");
+    m_Stop();
     for (const GList* node = m_IOList; node != nullptr; node = node->next) {
         VELMORA_LOGI("Final IO begin");
         auto* const io = static_cast<TCIOBase*>(node->data);
@@ -204,7 +211,12 @@ void TCTask::m_Destroy()
     g_list_free(std::exchange(m_IOList, nullptr));
     t_Destroy();
 
-    m_MainLoop = nullptr; // whoever asks for the task's loop from now on gets none, not a freed one
+    {
+        // Whoever asks for the task's loop from now on gets none, and whoever asks under the lock
+        // has taken a reference before it is freed.
+        const MutexGuard guard(m_QueueMutex);
+        m_MainLoop = nullptr;
+    }
     LoopPtr loop;
     ContextPtr context; // released without the lock: the client's sources may go with it
     const std::lock_guard<std::mutex> lock(m_StateMutex);
@@ -223,12 +235,10 @@ void TCTask::Destroy()
     ContextPtr context(m_RefContextAfterSetup());
     SourcePtr insistence;
     if (context) {
-        TCEvent event;
-        event.receiver = this;
-        event.id = EVENT_EXIT_TASK;
-        if (const bool sent = SendEvent(&event); m_Thread != nullptr) {
+        m_Report(m_PostExit());
+        if (m_Thread != nullptr) {
             insistence.reset(g_idle_source_new());
-            g_source_set_priority(insistence.get(), sent ? kWhenDrained : G_PRIORITY_DEFAULT);
+            g_source_set_priority(insistence.get(), G_PRIORITY_DEFAULT);
             g_source_set_callback(insistence.get(), &TCTask::m_InsistOnExit, this, nullptr);
             g_source_attach(insistence.get(), context.get());
         }
@@ -250,39 +260,15 @@ GMainContext* TCTask::m_RefContextAfterSetup()
     return m_TaskLoop != nullptr ? g_main_context_ref(m_Context) : nullptr;
 }
 
-// Runs on the loop while Destroy waits, because its exit event may find no room, or may be deleted
-// or swept. Without room it is sent again after each event that is dispatched; once it is queued,
-// this comes up only if the loop has nothing else to do, and then the exit event was lost.
+// Runs once on the loop while Destroy waits, in case its exit event was refused, or came to a queue
+// that dispatches nothing any more. What becomes of a queued one is seen where it happens.
 gboolean TCTask::m_InsistOnExit(gpointer data)
 {
     auto* const task = static_cast<TCTask*>(data);
-    if (!g_main_loop_is_running(task->m_TaskLoop)) {
-        return G_SOURCE_REMOVE; // it has quit, and only a handler's nested loop still runs
+    if (g_main_loop_is_running(task->m_TaskLoop)) { // else only a nested loop still runs
+        task->m_PursueExit();
     }
-    if (task->m_Source == nullptr) { // after a failed read nothing is dispatched any more
-        g_main_loop_quit(task->m_TaskLoop);
-        return G_SOURCE_REMOVE;
-    }
-    GSource* const insistence = g_main_current_source();
-    if (g_source_get_priority(insistence) == kWhenDrained && task->CountEvent() > 0) {
-        return G_SOURCE_CONTINUE; // attached behind a poll that came too early to see the queue's
-                                  // byte
-    }
-    auto event = std::make_unique<TCEvent>();
-    event->receiver = task;
-    event->id = EVENT_EXIT_TASK;
-    std::list<TCEvent*> node{event.get()};
-    switch (task->m_Post(node, false)) {
-    case PostResult::Queued:
-        static_cast<void>(event.release()); // the list's
-        g_source_set_priority(insistence, kWhenDrained);
-        return G_SOURCE_CONTINUE;
-    case PostResult::PipeFull:
-        return G_SOURCE_CONTINUE;
-    default: // not even a send gets through that could end the loop
-        g_main_loop_quit(task->m_TaskLoop);
-        return G_SOURCE_REMOVE;
-    }
+    return G_SOURCE_REMOVE;
 }
 
 } // namespace Velmora

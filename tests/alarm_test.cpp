@@ -1,5 +1,8 @@
 // Alarms, on a loop that the test iterates and on a task's.
+#include <dlfcn.h>
+
 #include <atomic>
+#include <future>
 #include <memory>
 
 #include "Harness.h"
@@ -7,6 +10,10 @@
 using namespace Velmora;
 
 namespace {
+
+const auto kForEver = static_cast<unsigned long>(VELMORA_INFINITY);
+
+std::atomic<bool> g_SlowStops{false};
 
 // An alarm with a callback that the test fills in.
 class AlarmTest : public testing::Test
@@ -37,6 +44,17 @@ protected:
 
 } // namespace
 
+// Takes a while when a test says so.
+extern "C" void g_source_destroy(GSource* source)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&g_source_destroy)>(dlsym(RTLD_NEXT, "g_source_destroy"));
+    if (g_SlowStops) {
+        g_usleep(10000);
+    }
+    real(source);
+}
+
 TEST_F(AlarmTest, RunsAsOftenAsAsked)
 {
     EXPECT_FALSE(alarm.SetAlarmCallback(&Run, this));
@@ -50,8 +68,7 @@ TEST_F(AlarmTest, RunsAsOftenAsAsked)
     const struct
     {
         unsigned long interval, count, runs;
-    } cases[] = {{1, 3, 3},    {2, 1, 1}, {1, VELMORA_INFINITY, 20},
-                 {1, 100, 20}, {0, 1, 0}, {1, 0, 0}};
+    } cases[] = {{1, 3, 3}, {2, 1, 1}, {1, kForEver, 20}, {1, 100, 20}, {0, 1, 0}, {1, 0, 0}};
     for (const auto& c : cases) {
         runs = 0;
         EXPECT_TRUE(alarm.Reset(1000000, 9)); // running, and replaced
@@ -71,7 +88,7 @@ TEST_F(AlarmTest, RunsAsOftenAsAsked)
 
 TEST_F(AlarmTest, CallbackMayStopAndRestartItsOwnAlarm)
 {
-    alarm.Create(&queue, 1, VELMORA_INFINITY);
+    alarm.Create(&queue, 1, kForEver);
     onAlarm = [this] {
         ++runs;
         alarm.Destroy();
@@ -81,53 +98,118 @@ TEST_F(AlarmTest, CallbackMayStopAndRestartItsOwnAlarm)
     UntilOver();
     EXPECT_EQ(runs, 1U);
 
-    alarm.Create(nullptr, 1, VELMORA_INFINITY); // still on the loop of the first Create
-    onAlarm = [this] { return alarm.Reset(1, VELMORA_INFINITY) && ++runs < 5; };
+    alarm.Create(nullptr, 1, kForEver); // still on the loop of the first Create
+    onAlarm = [this] { return alarm.Reset(1, kForEver) && ++runs < 5; };
     alarm.SetAlarmCallback(&Run, this);
     UntilOver(); // the timer that the last run has started is not lost sight of
     EXPECT_EQ(runs, 5U);
 }
 
-TEST_F(AlarmTest, SurvivesTheEndOfItsLoop)
+TEST_F(AlarmTest, HoldsItsLoopOverTheEndOfTheTask)
 {
-    alarm.Destroy();
     TCAlarm orphan, unbound;
-    {
-        Task task("task");
-        unbound.Create(&task, 1000000, 1); // not set up: the default context
+    const auto onDefault = [](TCAlarm& of) {
+        return g_main_context_find_source_by_user_data(nullptr, &of) != nullptr;
+    };
+    Task task("task");
+    unbound.Create(&task, 1000000, 1); // not set up: the default context
+    for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(task.Create("task"));
-        orphan.Create(&task, 1000000, 1);
-        orphan.SetAlarmCallback(&Run, this);
-        unbound.SetAlarmCallback(&Run, this);
+        orphan.Create(&task, 1, kForEver);
+        task.Destroy();
+        EXPECT_TRUE(orphan.SetAlarmCallback(&Run, this));
+        EXPECT_TRUE(orphan.Reset(1, 1));
+        orphan.Destroy();
+        EXPECT_FALSE(orphan.Reset(1, 1));
+        orphan.Create(nullptr, 1, kForEver); // still that loop
+        EXPECT_TRUE(orphan.SetAlarmCallback(&Run, this));
+        EXPECT_FALSE(onDefault(orphan));
+        orphan.Destroy();
+    }
+    ASSERT_TRUE(task.Create("task")); // another loop of the same task
+    orphan.Create(nullptr, 1, kForEver);
+    EXPECT_TRUE(orphan.SetAlarmCallback(&Run, this));
+    unbound.SetAlarmCallback(&Run, this);
+    g_usleep(5000);
+    task.Destroy();
+    orphan.Destroy();
+    EXPECT_EQ(runs, 0U);
+    EXPECT_TRUE(onDefault(unbound));
+    orphan.Create(&task, 1000000, 1); // takes the place of the loop
+    orphan.SetAlarmCallback(&Run, this);
+    EXPECT_TRUE(onDefault(orphan));
+    orphan.Destroy();
+    unbound.Destroy();
+    EXPECT_FALSE(onDefault(unbound));
+}
+
+TEST_F(AlarmTest, TakesTheLoopOfATaskThatIsJustEnding)
+{
+    Task task("task");
+    std::atomic<bool> over{false};
+    std::thread taker([&] {
+        while (!over) {
+            TCAlarm taken;
+            taken.Create(&task, 1000000, 1);
+            taken.SetAlarmCallback(&Run, this);
+            taken.Destroy();
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(task.Create("task"));
         task.Destroy();
     }
-    orphan.Destroy();
-    EXPECT_TRUE(g_main_context_find_source_by_user_data(nullptr, &unbound));
-    unbound.Destroy();
-    EXPECT_FALSE(g_main_context_find_source_by_user_data(nullptr, &unbound));
+    over = true;
+    taker.join();
 }
 
 TEST_F(AlarmTest, NeverRunsAfterDestroyOnAnotherThread)
 {
-    Task task("task");
-    ASSERT_TRUE(task.Create("task"));
+    TCScope<Task> task("task");
+    std::promise<void> begun;
+    bool over = false;
+    onAlarm = [&] {
+        begun.set_value();
+        g_usleep(20000);
+        over = true;
+        return false;
+    };
+    alarm.Create(&*task, 1, kForEver);
+    alarm.SetAlarmCallback(&Run, this);
+    begun.get_future().wait();
+    alarm.Destroy(); // waits for the callback
+    EXPECT_TRUE(over);
+
     std::atomic<GThread*> thread{nullptr};
-    auto target = std::make_unique<int>(0); // freed right after Destroy, used by the callback
+    auto target = std::make_unique<int>(0); // freed after the stop, used by the callback
     onAlarm = [&] {
         ++*target;
         thread = g_thread_self();
         return true;
     };
-    for (int i = 0; i < 30; ++i) {
+    for (const bool replaced : {false, true, false, true}) {
         target = std::make_unique<int>(0);
         thread = nullptr;
-        alarm.Create(&task, 1, VELMORA_INFINITY);
+        alarm.Create(&*task, 1, kForEver);
         alarm.SetAlarmCallback(&Run, this);
         Await([&] { return thread != nullptr; });
-        alarm.Reset(1, VELMORA_INFINITY);
-        alarm.Destroy();
+        g_SlowStops = true; // a timer that is due meanwhile waits for the lock in its dispatch
+        if (replaced) {
+            alarm.Reset(1000000, 1);
+        } else {
+            alarm.Destroy();
+        }
+        g_SlowStops = false;
         target.reset();
+        RunAndWait(&*task, [] {}); // that dispatch is over
+        alarm.Destroy();
     }
     EXPECT_NE(thread, g_thread_self());
-    task.Destroy();
+}
+
+TEST(Ticks, AreMillisecondsOfTheMonotonicClock)
+{
+    const auto now = [] { return static_cast<unsigned long>(g_get_monotonic_time() / 1000); };
+    const unsigned long before = now(), ticks = TCAlarm::GetTickCount();
+    EXPECT_LE(ticks - before, now() - before); // across a wrap, too
 }

@@ -11,6 +11,8 @@ using namespace Velmora;
 
 namespace {
 
+const auto kForEver = static_cast<unsigned long>(VELMORA_INFINITY);
+
 std::string g_ClockLine;
 
 constexpr int kFirstLine = __LINE__ + 3;
@@ -92,13 +94,13 @@ TEST(Semaphore, CountsAndRefusesWithoutPrimitives)
 
     semaphore.Create(2);
     EXPECT_TRUE(semaphore.Try(0));
-    EXPECT_TRUE(semaphore.Try(VELMORA_INFINITY));
+    EXPECT_TRUE(semaphore.Try(kForEver));
     EXPECT_FALSE(semaphore.Try(0));
     EXPECT_FALSE(semaphore.Try(3000));
     semaphore.Give();
     semaphore.Take();
     std::thread giver([&] { semaphore.Give(); });
-    EXPECT_TRUE(semaphore.Try(VELMORA_INFINITY - 1)); // a huge timeout is no past deadline
+    EXPECT_TRUE(semaphore.Try(kForEver - 1)); // a huge timeout is no past deadline
     giver.join();
     semaphore.Destroy();
     EXPECT_EQ(CountLog(kError, ""), 1);

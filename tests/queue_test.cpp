@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Harness.h"
@@ -53,6 +54,17 @@ private:
     std::promise<void> m_Release;
     std::thread m_Thread;
 };
+
+bool IsHeld(TCMutex& mutex)
+{
+    return std::async(std::launch::async,
+                      [&] {
+                          const bool free = mutex.Try(0);
+                          mutex.Unlock();
+                          return !free;
+                      })
+        .get();
+}
 
 std::function<void()>* Callable(std::function<void()> function)
 {
@@ -129,10 +141,13 @@ TEST(QueueLifecycle, LeaksNoDescriptorWhateverFails)
         const int standardInput = dup(STDIN_FILENO);
         close(STDIN_FILENO);
         EXPECT_TRUE(closed.Init(loop.Get()));
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
         dup2(standardInput, STDIN_FILENO);
         close(standardInput);
-        EXPECT_GT(closed.m_PipeFileDes[0], STDERR_FILENO);
-        EXPECT_NE(fcntl(closed.m_PipeFileDes[1], F_GETFD) & FD_CLOEXEC, 0);
+        for (const int end : closed.m_PipeFileDes) {
+            EXPECT_GT(end, STDERR_FILENO);
+            EXPECT_EQ(fcntl(end, F_GETFD), FD_CLOEXEC);
+        }
 
         left.initResult = false; // this one and the others are destructed as they are
         EXPECT_FALSE(left.Init(loop.Get()));
@@ -147,12 +162,14 @@ TEST_F(QueueTest, UrgentEventsOvertakeAndTheSenderKeepsItsEvent)
     TCEvent event = Event(&queue, 0);
     for (const char* text : {"A", "B", "C", "U", "V"}) {
         event.data.SetMessage(text);
-        EXPECT_TRUE(*text < 'U' ? SendEvent(&event) : SendUrgentEvent(&event));
+        event.sync = *text >= 'U'; // as a SendSyncEvent leaves it, which an urgent send overlooks
+        EXPECT_TRUE(event.sync ? SendUrgentEvent(&event) : SendEvent(&event));
     }
     event.data.SetMessage("changed");
     EXPECT_EQ(queue.CountEvent(), 5U);
     loop.Drain();
     EXPECT_EQ(texts, "VUABC");
+    EXPECT_EQ(queue.seen, "e0 c0 e0 c0 e0 c0 e0 c0 e0 c0 ");
     EXPECT_EQ(queue.CountEvent(), 0U);
 }
 
@@ -167,6 +184,167 @@ TEST_F(QueueTest, OneEntryIsDispatchedInEachCallback)
     EXPECT_EQ(other.seen, "");
     loop.Drain();
     EXPECT_EQ(other.seen, "e8 c8 ");
+}
+
+TEST_F(QueueTest, NestedLoopLeavesTheQueuesNextEventToTheOuterOne)
+{
+    struct Nesting : Queue
+    {
+        using TCEventIO::m_Source;
+    };
+    auto nesting = std::make_unique<Nesting>();
+    Noting<TCHandler> guest; // whose events that queue takes
+    const auto watch = [&] {
+        return g_main_context_find_source_by_user_data(loop.Context(), nesting.get());
+    };
+    const auto init = [&] { (nesting->Init(loop.Get()), g_source_set_priority(watch(), 3)); };
+    const auto again = [&] { (nesting->Final(), init(), Send(&guest, 9)); };
+    const struct
+    {
+        std::function<void()> before, after;
+        std::string seen;
+    } cases[] = {
+        {[] {}, [] {}, "e7 c7 e8 c8 "},
+        {[] {}, [&] { loop.Drain(); }, "e7 c7 e8 c8 "},
+        {[] {}, [&] { nesting->Final(); }, "e7 c8 c7 "},
+        {[] {}, again, "e7 c8 c7 e9 c9 "},
+        {again, [] {}, "e7 c8 c7 e9 c9 "},
+        {[&] { g_source_destroy(watch()); }, [] {}, "e7 c7 c8 "},
+        {[] {}, [&] { g_source_destroy(nesting->m_Source); }, "e7 c7 c8 "},
+        {[] {}, [&] { (nesting->Final(), nesting.reset()); }, "e7 c8 c7 "}, // the last
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(&c - cases));
+        guest.m_EventIO = nesting.get();
+        init();
+        guest.seen = queue.seen = "";
+        guest.onEvent = [&](const TCEvent& event) {
+            if (event.id == 7) {
+                c.before();
+                Send(&queue, 8);
+                loop.Drain();
+                EXPECT_EQ(guest.seen.rfind("e"), 0U);
+                EXPECT_EQ(queue.seen, "e8 c8 "); // another source
+                c.after();
+            }
+        };
+        Send(&guest, 7);
+        Send(&guest, 8);
+        loop.Drain();
+        if (nesting) {
+            EXPECT_TRUE(!watch() || g_source_get_priority(watch()) == 3);
+            nesting->Final();
+        }
+        EXPECT_EQ(guest.seen, c.seen);
+    }
+}
+
+TEST_F(QueueTest, ThrowingHandlerOfANestedLoopLeavesTheWatchInPlace)
+{
+    queue.onEvent = [&](const TCEvent& event) {
+        loop.Drain();
+        if (event.id == 7) {
+            throw std::runtime_error("client");
+        }
+    };
+    GIOChannel* const channel = g_io_channel_unix_new(queue.m_PipeFileDes[0]);
+    g_io_channel_set_encoding(channel, nullptr, nullptr);
+    g_io_channel_set_buffered(channel, FALSE);
+    Send(&queue, 7);
+    Send(&queue, 8);
+    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
+    g_io_channel_unref(channel);
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e7 c7 e8 c8 ");
+}
+
+TEST_F(QueueTest, NothingIsDispatchedBehindTheEndOfTheLoop)
+{
+    Noting<TCHandler> keeping; // does not pass the event on
+    keeping.m_EventIO = &queue;
+    Send(&keeping, EVENT_EXIT_TASK);
+    Send(&queue, EVENT_EXIT_TASK);
+    Send(&queue, 7);
+    g_main_loop_run(loop.Get());
+    loop.Drain(); // as a source's nested loop
+    EXPECT_EQ(queue.seen, "e1 c1 ");
+    EXPECT_EQ(queue.CountEvent(), 1U);
+    EXPECT_EQ(RunAndWait(&queue, [] { return 1; }), std::nullopt);
+    queue.Final();
+    EXPECT_TRUE(queue.Init(loop.Get()));
+    EXPECT_TRUE(Send(&queue, 8));
+    loop.Drain();
+    EXPECT_EQ(queue.seen, "e1 c1 c7 c6 e8 c8 ");
+}
+
+TEST_F(QueueTest, ForkedChildLeavesItsParentsPipeAlone)
+{
+    for (const bool raw : {false, true}) { // past the library, or through it
+        Send(&queue, 7);
+        const pid_t child = fork();
+        if (child == 0) {
+            int sent = 0;
+            while (raw ? sent < 8192 && write(queue.m_PipeFileDes[1], "O", 1) == 1
+                       : sent < 70000 && Send(&queue, 8)) {
+                ++sent;
+            }
+            loop.Step();
+            _exit(sent == (raw ? 8192 : 0) && queue.seen == "" ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        loop.Drain();
+        EXPECT_EQ(std::exchange(queue.seen, ""), "e7 c7 ");
+    }
+    while (Send(&queue, 7)) { // would wait for ever if bytes were counted that are not there
+    }
+    EXPECT_EQ(CountLog(kError, "event io queue is full!"), 1);
+}
+
+TEST_F(QueueTest, LockIsHeldWhereClientsAreToldSoAndNotWhileALineIsWritten)
+{
+    struct Probe : Queue
+    {
+        bool t_Init() override { return IsHeld(m_QueueMutex); }
+    } probe;
+    EXPECT_TRUE(probe.Init(loop.Get()));
+    bool held = false;
+    probe.onClear = [&](const TCEvent&) { held = IsHeld(probe.m_QueueMutex); };
+    Send(&probe, 7);
+    probe.Final();
+    EXPECT_TRUE(held);
+
+    int lines = 0;
+    queue.initResult = false;
+    queue.Final();
+    queue.Init(loop.Get()); // its watch is there, and what comes is refused
+    EXPECT_EQ(write(queue.m_PipeFileDes[1], "O", 1), 1);
+    OnLog([&](const std::string&) { lines += IsHeld(queue.m_QueueMutex) ? 100 : 1; });
+    loop.Step();
+    EXPECT_FALSE(Send(&queue, 7));
+    OnLog(nullptr);
+    EXPECT_EQ(CountLog(kError, "event io queue has destroyed!"), 2);
+    EXPECT_EQ(lines, 2);
+}
+
+TEST(SignalTable, MayBeAskedByTheLog)
+{
+    TCServerSignalManager table;
+    TCSignalCallback callback = nullptr;
+    void* userData = nullptr;
+    unsigned int id = 0;
+    table.SubscribeNativeSignal("key", "signal", nullptr, nullptr, 7);
+    std::string answers;
+    OnLog([&](const std::string&) {
+        answers +=
+            table.IfSignalSubscribed(TCServerSignalManager::SIGNAL_TYPE_NATIVE, "key") ? "y" : "n";
+    });
+    EXPECT_FALSE(table.GetHandlerForNativeSignal("none", "none", callback, userData));
+    EXPECT_TRUE(table.UnsubscribeSignal(TCServerSignalManager::SIGNAL_TYPE_NATIVE, "key", id));
+    OnLog(nullptr);
+    EXPECT_EQ(answers, "yn");
+    EXPECT_EQ(id, 7U);
 }
 
 TEST_F(QueueTest, BusyLockOnlyDelaysTheDispatch)
@@ -351,7 +529,9 @@ TEST_F(QueueTest, FailedWriteQueuesNothing)
     const int kept = dup(queue.m_PipeFileDes[1]);
     const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(unwritable, queue.m_PipeFileDes[1]);
+    OnLog([&](const std::string&) { EXPECT_FALSE(IsHeld(queue.m_QueueMutex)); });
     EXPECT_FALSE(Send(&queue, 7));
+    OnLog(nullptr);
     EXPECT_EQ(CountLog(kError, "event io queue: write to pipe fail,*"), 1);
     EXPECT_EQ(queue.CountEvent(), 0U);
     dup2(kept, queue.m_PipeFileDes[1]);

@@ -94,7 +94,7 @@ TEST_F(SyncTest, PingTellsALivingLoopFromAStoppedOne)
 {
     EXPECT_FALSE(TCEventIO::Ping(nullptr, 0));
     EXPECT_EQ(CountLog(kError, "*"), 0);
-    EXPECT_TRUE(TCEventIO::Ping(&task, VELMORA_INFINITY));
+    EXPECT_TRUE(TCEventIO::Ping(&task, static_cast<unsigned long>(VELMORA_INFINITY)));
     for (const unsigned long timeout : {0UL, 5000UL}) {
         const gint64 start = g_get_monotonic_time();
         EXPECT_FALSE(TCEventIO::Ping(&idle, timeout));

@@ -13,6 +13,7 @@ using namespace Velmora;
 namespace {
 
 std::atomic<bool> g_NoThreads{false};
+std::atomic<int> g_Attached{0}; // sources
 
 class IO : public TCIOBase
 {
@@ -26,11 +27,12 @@ public:
     void Final() override
     {
         m_Journal += "-" + m_Name;
-        if (!ends) {
-            throw std::runtime_error("client");
+        if (inFinal) {
+            inFinal();
         }
     }
-    bool works = true, ends = true;
+    bool works = true;
+    std::function<void()> inFinal;
 
 private:
     std::string& m_Journal;
@@ -46,9 +48,27 @@ public:
     void Final() override { (journal += "-task", TCTask::Final()); }
 
     std::string journal;
-    std::function<void()> inSetup;
+    std::function<void()> inSetup, inCreate, beforeMain;
+    std::function<void()> keeps; // the exit event from the base class
     bool creates = true;
     using TCTask::m_PipeFileDes;
+    using TCTask::m_TaskLoop;
+    void DestroyWatch() { g_source_destroy(m_Source); }
+    void LowerWatch() { g_source_set_priority(m_Source, G_PRIORITY_LOW); }
+    void Iterate()
+    {
+        for (int i = 0; i < 20; ++i) {
+            g_main_context_iteration(m_Context, FALSE);
+        }
+    }
+    void After(GSourceFunc function) // the current callback
+    {
+        GSource* const source = g_idle_source_new();
+        g_source_set_priority(source, G_PRIORITY_HIGH);
+        g_source_set_callback(source, function, this, nullptr);
+        g_source_attach(source, m_Context);
+        g_source_unref(source);
+    }
     IO x{journal, "x"}, y{journal, "y"}, z{journal, "z"};
 
 protected:
@@ -59,8 +79,31 @@ protected:
             inSetup();
         }
     }
-    bool t_Create() override { return (journal += " create", creates); }
-    void t_Main() override { (journal += " main", TCTask::t_Main()); }
+    bool t_OnEvent(const TCEvent* event) override
+    {
+        if (event->id == EVENT_EXIT_TASK && keeps) {
+            seen += "k ";
+            keeps();
+            return true;
+        }
+        return Noting::t_OnEvent(event);
+    }
+    bool t_Create() override
+    {
+        journal += " create";
+        if (inCreate) {
+            inCreate();
+        }
+        return creates;
+    }
+    void t_Main() override
+    {
+        journal += " main";
+        if (beforeMain) {
+            beforeMain();
+        }
+        TCTask::t_Main();
+    }
     void t_Destroy() override { journal += " destroy"; }
 };
 
@@ -84,6 +127,15 @@ extern "C" GThread* g_thread_try_new(const char* name, GThreadFunc function, gpo
     static const auto real =
         reinterpret_cast<decltype(&g_thread_try_new)>(dlsym(RTLD_NEXT, "g_thread_try_new"));
     return real(name, function, data, error);
+}
+
+extern "C" guint g_source_attach(GSource* source, GMainContext* context)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&g_source_attach)>(dlsym(RTLD_NEXT, "g_source_attach"));
+    const guint id = real(source, context);
+    ++g_Attached;
+    return id;
 }
 
 TEST_F(TaskTest, DrivesItsIOsInOrderOnEitherThread)
@@ -125,9 +177,25 @@ TEST_F(TaskTest, FailedSetupOnTheCallerStartsAnewOrIsReleased)
         failing.AddIO(&failing.x); // added already, and driven once
         EXPECT_FALSE(failing.Create("name"));
         EXPECT_TRUE(Send(&failing, 7)); // the queue was set up before t_Create failed
+        EXPECT_FALSE(RunAndWait(&failing, [] { ADD_FAILURE(); }));
+        std::future<bool> waiting;
+        failing.inCreate = [&] {
+            waiting = std::async(std::launch::async, [&] { return RunAndWait(&failing, [] {}); });
+            Await([&] { return failing.CountEvent() == 1; });
+        };
         g_NoThreads = failing.creates = true;
+        OnLog([&](const std::string& line) {
+            if (line.find("no threads") != std::string::npos) {
+                std::thread([&] { failing.Destroy(); }).join(); // no lock is held here
+            }
+        });
         EXPECT_FALSE(failing.Create("name"));
+        OnLog(nullptr);
         g_NoThreads = false;
+        failing.inCreate = nullptr;
+        EXPECT_FALSE(waiting.get());
+        EXPECT_FALSE(RunAndWait(&failing, [] { ADD_FAILURE(); }));
+        failing.Destroy(); // what was set up stays for the next Create
         EXPECT_EQ(CountLog(kError, "Thread created fail,no threads"), retried ? 1 : 2);
         if (retried) {
             failing.journal.clear();
@@ -153,6 +221,7 @@ TEST_F(TaskTest, FailedSetupOnTheThreadEndsIt)
     g_NoThreads = true;
     EXPECT_FALSE(task.Create("name", false));
     g_NoThreads = false;
+    task.Destroy(); // there is no set-up to wait for
     EXPECT_TRUE(task.Create("name", false));
     task.Destroy();
 }
@@ -228,47 +297,101 @@ TEST_F(TaskTest, DestroyEndsATaskWhoseQueueIsFull)
 
 TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
 {
-    for (const bool sweep : {false, true}) {
-        Task losing("losing");
-        std::promise<void> begun;
-        losing.onEvent = [&](const TCEvent& event) {
-            if (event.id == 7) {
-                begun.set_value();
-                Await([&] { return losing.CountEvent() > 0; });
-                losing.DeleteEvent(nullptr);
-                sweep&& SendUrgent(&losing, EVENT_CLEAR_QUEUE);
-            }
-        };
-        ASSERT_TRUE(losing.Create("losing"));
-        Send(&losing, 7);
-        begun.get_future().wait();
-        losing.Destroy();
-        EXPECT_EQ(losing.seen, sweep ? "e7 c7 e5 c5 c1 e1 c1 " : "e7 c7 c1 e1 c1 ");
+    const auto replace = [](int end, const char* path) {
+        const int other = open(path, O_RDONLY | O_CLOEXEC);
+        dup2(other, end);
+        close(other);
+    };
+    HookedTask* losing = nullptr;
+    const auto remove = [&] { losing->DeleteEvent(nullptr); };
+    const auto finalLater = [](gpointer data) -> gboolean {
+        static_cast<HookedTask*>(data)->Final();
+        return G_SOURCE_REMOVE;
+    };
+    const struct
+    {
+        std::function<void()> loses; // in a handler, with the exit event queued
+        std::string seen;
+    } cases[] = {
+        {remove, "e7 c7 c1 e1 c1 "},
+        {[&] { (remove(), SendUrgent(losing, EVENT_CLEAR_QUEUE)); }, "e7 c7 e5 c5 c1 e1 c1 "},
+        {[&] { losing->Final(); }, "e7 c1 c7 "},
+        {[&] { losing->After(finalLater); }, "e7 c7 c1 "},
+        {[&] { (losing->Final(), losing->Init(losing->m_TaskLoop)); }, "e7 c1 c7 "},
+        {[&] { losing->DestroyWatch(); }, "e7 c7 c1 "},
+        {[&] { (remove(), losing->DestroyWatch()); }, "e7 c7 c1 "},
+        {[&] { (remove(), replace(losing->m_PipeFileDes[1], "/")); }, "e7 c7 c1 "},
+        {[&] { replace(losing->m_PipeFileDes[0], "/"); }, "e7 c7 "},
+        {[&] { replace(losing->m_PipeFileDes[0], "/dev/null"); }, "e7 c7 "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(&c - cases));
+        for (const bool before : {false, true}) { // or with nothing queued yet
+            HookedTask victim;
+            losing = &victim;
+            std::promise<void> begun, lost;
+            victim.onEvent = [&](const TCEvent& event) {
+                if (event.id == 7) {
+                    const int attached = g_Attached;
+                    begun.set_value();
+                    Await([&] { return before || g_Attached > attached; });
+                    victim.Iterate(); // what Destroy has attached is over
+                    c.loses();
+                    lost.set_value();
+                }
+            };
+            ASSERT_TRUE(victim.Create("losing"));
+            const int kept = dup(victim.m_PipeFileDes[0]); // so that the pipe still has a reader
+            Send(&victim, 7);
+            (before ? lost : begun).get_future().wait();
+            victim.Destroy();
+            close(kept);
+            EXPECT_EQ(before ? victim.seen.substr(0, 3) : victim.seen, before ? "e7 " : c.seen);
+        }
     }
 }
 
-TEST_F(TaskTest, DestroyEndsATaskThatCannotReadItsPipe)
+TEST_F(TaskTest, DestroyLeavesTheExitEventToAHandlerThatKeepsIt)
 {
+    task.keeps = [&] {
+        task.Iterate(); // a nested loop
+        task.After([](gpointer data) -> gboolean {
+            Send(static_cast<HookedTask*>(data), 7);
+            return G_SOURCE_REMOVE;
+        });
+    };
+    task.onEvent = [&](const TCEvent&) {
+        task.Iterate();
+        g_main_loop_quit(task.m_TaskLoop);
+    };
+    task.AddIO(&task.x);
+    task.x.inFinal = [&] { EXPECT_FALSE(RunAndWait(&task, [] {})); };
     ASSERT_TRUE(task.Create("name"));
-    const int kept = dup(task.m_PipeFileDes[0]); // so that the pipe still has a reader
-    const int unreadable = open("/", O_RDONLY | O_CLOEXEC);
-    dup2(unreadable, task.m_PipeFileDes[0]);
-    close(unreadable);
-    Send(&task, 7);
     task.Destroy();
-    close(kept);
-    EXPECT_EQ(task.seen, "c1 ");
+    EXPECT_EQ(task.seen, "k c1 e7 c7 c6 ");
+}
+
+TEST_F(TaskTest, DestroyEndsATaskThatWasToldToQuitBeforeItsLoopRan)
+{
+    task.beforeMain = [&] {
+        Send(&task, EVENT_EXIT_TASK);
+        task.Iterate();
+        task.LowerWatch();
+    };
+    ASSERT_TRUE(task.Create("name"));
+    Await([&] { return g_main_loop_is_running(task.m_TaskLoop); });
+    task.Destroy();
+    EXPECT_EQ(task.seen, "e1 c1 c1 ");
 }
 
 TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
 {
     task.inSetup = [] { throw std::runtime_error("client"); };
     EXPECT_THROW(task.Create("name"), std::runtime_error);
-    task.inSetup = nullptr;
     task.AddIO(&task.x);
-    task.z.ends = false; // nor is one that cannot be taken back
+    task.z.inFinal = std::exchange(task.inSetup, nullptr); // nor is one that cannot be taken back
     EXPECT_THROW(task.Create("name"), std::runtime_error);
-    task.z.ends = true;
+    task.z.inFinal = nullptr;
     task.journal.clear();
     EXPECT_TRUE(task.Create("name"));
     EXPECT_TRUE(Send(&task, 7));
