@@ -15,8 +15,9 @@ namespace Velmora {
 /// the scope closes it in the right order while its class is still whole:
 ///
 /// 1. CloseDBusServer(): nothing new arrives, what was sent has left.
-/// 2. AwaitHooks(): no hook runs on another thread, and none starts.
-/// 3. TCTask::Destroy(): what is queued is dispatched, moved messages get the error reply.
+/// 2. AwaitHooks(): no hook runs on another thread, and none starts; moved messages that were not
+///    handled have got the error reply, and every answer has left the process.
+/// 3. TCTask::Destroy(): what is queued is dispatched.
 /// 4. The object is destroyed. Its destructor has nothing to close, and no other thread is in it.
 ///
 /// The task is created before the server, so that the first message finds its queue. The rules of
