@@ -232,14 +232,14 @@ HookScope::HookScope(HookScope&& other) noexcept
     }
 }
 
-HookScope::~HookScope()
+void HookScope::Close()
 {
-    if (m_Life.server == nullptr) {
-        return;
+    // Freed after the lock, if this is the last to hold it.
+    if (const auto left = std::move(m_Life.server)) {
+        const Lock lock(g_SetMutex);
+        left->Find(this) = m_Next;
+        Set().left.notify_all();
     }
-    const Lock lock(g_SetMutex);
-    m_Life.server->Find(this) = m_Next;
-    Set().left.notify_all();
 }
 
 } // namespace Velmora::Internal

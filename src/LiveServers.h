@@ -79,7 +79,10 @@ public:
     HookScope() = default;
     HookScope(HookScope&& other) noexcept;
     HookScope& operator=(HookScope&&) = delete;
-    ~HookScope();
+    ~HookScope() { Close(); }
+
+    // Leaves the server before the end of the scope.
+    void Close();
 
     explicit operator bool() const { return m_Life.server != nullptr; }
     TCServer* operator->() const { return m_Server; }

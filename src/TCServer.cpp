@@ -114,24 +114,26 @@ TCServer* TCServer::m_GetDbusServer(const char* source)
 HookScope TCServer::m_EnterEntry(const std::string& name, TCServer* entry)
 {
     HookScope server(entry);
-    return server && server->m_ServiceName == name ? std::move(server) : HookScope();
+    if (server && server->m_ServiceName != name) {
+        server.Close();
+    }
+    return server;
 }
 
 // Into a server that the client has named as its own.
 HookScope TCServer::m_RequireServer(const char* source)
 {
-    if (source != nullptr) {
-        std::string busName;
-        HookScope server = m_EnterServer(source, &busName);
-        if (server) {
-            return server;
+    std::string busName;
+    HookScope server = source != nullptr ? m_EnterServer(source, &busName) : HookScope();
+    if (!server) {
+        if (source != nullptr) {
+            VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
+        } else {
+            VELMORA_LOG_NULL("source");
         }
-        VELMORA_LOGE("Couldn't find %s dbus server, subscribe fail", source);
-    } else {
-        VELMORA_LOG_NULL("source");
+        VELMORA_LOG_NULL("server");
     }
-    VELMORA_LOG_NULL("server");
-    return {};
+    return server;
 }
 
 // Into a server that may or may not be in this process.
@@ -139,10 +141,9 @@ HookScope TCServer::m_EnterServer(const char* source, std::string* busName)
 {
     const std::lock_guard<std::mutex> lock(RegistryMutex());
     const auto found = m_CreatedDbusServers.find(source);
-    if (found == m_CreatedDbusServers.end()) {
-        return {};
-    }
-    HookScope server = m_EnterEntry(found->first, found->second);
+    HookScope server = found != m_CreatedDbusServers.end()
+                           ? m_EnterEntry(found->first, found->second)
+                           : HookScope();
     if (server) {
         *busName = server->m_DBusName; // constant while it is registered
     }
