@@ -277,7 +277,7 @@ bool TCEventIO::m_Report(PostResult result) const
     case PostResult::PipeFull:
         VELMORA_LOGE("event io %s is full!", m_Name.c_str());
         return false;
-    case PostResult::WriteFailed: // told where the error was at hand
+    case PostResult::WriteFailed: // told where the error is known
         return false;
     }
     return false;
