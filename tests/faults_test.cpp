@@ -75,18 +75,16 @@ public:
 
     void Call(const char* name, const char* path, const char* method, const char* body)
     {
-        GDBusMessage* const message = g_dbus_message_new_method_call(name, path, name, method);
+        g_autoptr(GDBusMessage) message = g_dbus_message_new_method_call(name, path, name, method);
         if (m_Serial % 16 != 0) { // which the bus does not count, and so goes on delivering
             g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
         }
         g_dbus_message_set_body(message, g_variant_new_parsed(body));
         g_dbus_message_set_serial(message, ++m_Serial);
         gsize size = 0;
-        auto* const bytes = reinterpret_cast<char*>(
-            g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
-        Write({bytes, size});
-        g_free(bytes);
-        g_object_unref(message);
+        g_autofree guchar* bytes =
+            g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+        Write({bytes, bytes + size});
     }
 
 private:
@@ -144,7 +142,7 @@ void SendWrongMessages(RawPeer& peer)
         {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", text(deep)},
     };
     for (const auto& c : cases) {
-        GDBusMessage* const message = g_dbus_message_new();
+        g_autoptr(GDBusMessage) message = g_dbus_message_new();
         g_dbus_message_set_message_type(message, c.type);
         g_dbus_message_set_path(message, c.path);
         g_dbus_message_set_interface(message, c.interface);
@@ -160,13 +158,12 @@ void SendWrongMessages(RawPeer& peer)
         }
         EXPECT_TRUE(g_dbus_connection_send_message(
             peer.Get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr));
-        g_object_unref(message);
     }
 }
 
 void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
 {
-    GUnixFDList* const list = g_unix_fd_list_new();
+    g_autoptr(GUnixFDList) list = g_unix_fd_list_new();
     for (int i = 0; i < 16; ++i) {
         g_unix_fd_list_append(list, STDIN_FILENO, nullptr);
     }
@@ -174,7 +171,6 @@ void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
     g_dbus_message_set_body(message, g_variant_new_parsed(kGoodBody));
     EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                                nullptr, nullptr));
-    g_object_unref(list);
     g_object_unref(message);
 }
 
@@ -195,7 +191,6 @@ TEST_F(BusTest, CreateWithoutBusOrDescriptorsFailsAndLeavesNone)
     // GLib aborts where it finds none for a new context: it has GDBus's already, and with one that
     // is free it would connect and then make another.
     const RawPeer first;
-    Server app("app");
     const auto fails = [&] {
         ForgetLog();
         EXPECT_FALSE(app.CreateDBusServer());
@@ -225,12 +220,9 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
 {
     const ForeignService foreign("peer.message", "('p', uint32 1, '', '5')");
     RawPeer raw;
-    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "signal", nullptr, nullptr));
     Await([&] { return app.IsServiceAvailable("peer"); });
-    const TCMessage message = Message("x");
-    TCMessage reply;
     constexpr int kSends = 100;
     std::string replies, signals;
     for (const pid_t process : {raw.Daemon(), foreign.Process()}) {
@@ -254,7 +246,6 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
 TEST_F(BusTest, CreateOnABusThatDoesNotAnswerGivesUpAndLaterOpens)
 {
     RawPeer raw;
-    Server app("app");
     {
         const Stopped stopped(raw.Daemon());
         EXPECT_FALSE(app.CreateDBusServer());
@@ -267,7 +258,6 @@ TEST_F(BusTest, CreateOnABusThatDoesNotAnswerGivesUpAndLaterOpens)
 TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
 {
     RawPeer raw;
-    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
     Await([&] { return app.IsServiceAvailable("app"); });
     const Stopped stopped(raw.Daemon());
@@ -284,7 +274,6 @@ TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
 TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
 {
     constexpr int kMessages = 100;
-    Server app("app");
     ASSERT_TRUE(app.CreateDBusServer() &&
                 app.SubscribeSignal("other", "signal", nullptr, nullptr) &&
                 app.SubscribeSignal(nullptr, "from_any", nullptr, nullptr));
@@ -315,41 +304,35 @@ TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
 
     // What the program itself does on that connection keeps them.
     g_dbus_connection_add_filter(peer.Get(), &AnswerWithDescriptors, nullptr, nullptr);
-    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    GUnixFDList* list = nullptr;
-    GVariant* const reply = g_dbus_connection_call_with_unix_fd_list_sync(
+    g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_autoptr(GUnixFDList) list = nullptr;
+    g_autoptr(GVariant) got = g_dbus_connection_call_with_unix_fd_list_sync(
         shared, g_dbus_connection_get_unique_name(peer.Get()), "/o", "other.message", "Get",
         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &list, nullptr, nullptr);
-    ASSERT_TRUE(reply != nullptr && list != nullptr);
+    ASSERT_TRUE(got != nullptr && list != nullptr);
     EXPECT_EQ(g_unix_fd_list_get_length(list), 16);
-    g_object_unref(list);
-    g_variant_unref(reply);
-    g_object_unref(shared);
 }
 
 TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
 {
     g_setenv("ASAN_OPTIONS", "quarantine_size_mb=1", TRUE); // else it keeps what it has freed
-    GSubprocess* const echo =
-        g_subprocess_new(G_SUBPROCESS_FLAGS_STDOUT_SILENCE, nullptr, ECHO_SERVICE, nullptr);
-    const std::string process = g_subprocess_get_identifier(echo);
-    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    Child echo({ECHO_SERVICE}, G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
+    const std::string process = std::to_string(echo.Process());
     ASSERT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("example.echo", "service_start_default", nullptr, nullptr));
     Await([&] { return proxy.IsServiceAvailable("example.echo"); });
-    const auto descriptors = [&] { return OpenDescriptors(process); };
 
     std::atomic<bool> over{false};
     std::atomic<int> answers{0};
     std::thread good([&] {
-        for (TCMessage reply; !over; ++answers) {
-            const TCMessage message = Message("{\"n\":" + std::to_string(answers) + "}", 3);
-            EXPECT_TRUE(proxy.SendMessage("example.echo", &message, true, &reply, 60000));
-            EXPECT_EQ(reply.GetMessage(), message.GetMessage());
+        for (; !over; ++answers) {
+            const TCMessage json = Message("{\"n\":" + std::to_string(answers) + "}", 3);
+            EXPECT_TRUE(proxy.SendMessage("example.echo", &json, true, &reply, 60000));
+            EXPECT_EQ(reply.GetMessage(), json.GetMessage());
         }
     });
     Await([&] { return answers > 0; });
-    const auto openBefore = descriptors();
+    const auto openBefore = OpenDescriptors(process);
     const long memoryBefore = ResidentMemory(process);
     RawPeer peer;
     for (int round = 0; round < 5; ++round) {
@@ -367,8 +350,7 @@ TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
     over = true;
     good.join();
     Await([&] { return ResidentMemory(process) < memoryBefore + kMemoryMore; });
-    EXPECT_EQ(descriptors(), openBefore);
-    g_subprocess_send_signal(echo, SIGTERM);
-    EXPECT_TRUE(g_subprocess_wait_check(echo, nullptr, nullptr)); // nor does it leak
-    g_object_unref(echo);
+    EXPECT_EQ(OpenDescriptors(process), openBefore);
+    echo.Signal(SIGTERM);
+    EXPECT_TRUE(echo.EndsWell()); // nor does it leak
 }
