@@ -18,22 +18,6 @@ thread_local int g_UntilFailure = 0;
 
 std::atomic<std::size_t> g_InUse{0}; // bytes
 
-void* Allocate(std::size_t size)
-{
-    void* const memory = g_UntilFailure > 0 && --g_UntilFailure == 0 ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    g_InUse += malloc_usable_size(memory);
-    return memory;
-}
-
-void Free(void* memory)
-{
-    g_InUse -= malloc_usable_size(memory);
-    std::free(memory);
-}
-
 // Runs a send with every one of its allocations failing in turn, and each time a check of what that
 // has left. Returns how often it was handed on all the same.
 int FailEachAllocation(const std::function<bool()>& send, const std::function<void()>& check,
@@ -65,27 +49,33 @@ int FailEachAllocation(const std::function<bool()>& send, const std::function<vo
 
 void* operator new(std::size_t size)
 {
-    return Allocate(size);
+    void* const memory = g_UntilFailure > 0 && --g_UntilFailure == 0 ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    g_InUse += malloc_usable_size(memory);
+    return memory;
 }
 void* operator new[](std::size_t size)
 {
-    return Allocate(size);
+    return operator new(size);
 }
 void operator delete(void* memory) noexcept
 {
-    Free(memory);
+    g_InUse -= malloc_usable_size(memory);
+    std::free(memory);
 }
 void operator delete[](void* memory) noexcept
 {
-    Free(memory);
+    operator delete(memory);
 }
 void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
-    Free(memory);
+    operator delete(memory);
 }
 void operator delete[](void* memory, std::size_t /*size*/) noexcept
 {
-    Free(memory);
+    operator delete(memory);
 }
 
 TEST(Allocation, FailedParseOrGenerateLeavesThePayloadWhole)

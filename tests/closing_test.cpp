@@ -157,7 +157,7 @@ TEST_F(ClosingTest, ProcessThatEndsByTheBookAnswersEveryCall)
     }
 }
 
-TEST_F(ClosingTest, HookInsideASendGivesUpForTheCloseThatWaitsForIt)
+TEST_F(ClosingTest, CloseWaitsForASendInsideWhichAHookGivesUpForIt)
 {
     Server act("act", TCServer::SERVER_TYPE_ACTIVITY);
     ASSERT_TRUE(app.CreateDBusServer() && act.CreateDBusServer());
@@ -169,6 +169,10 @@ TEST_F(ClosingTest, HookInsideASendGivesUpForTheCloseThatWaitsForIt)
             inside.set_value();
             Await(
                 [] { return CountLog(kDebug, "waiting all send message/signal finished *") > 0; });
+            EXPECT_FALSE(app.SendSignal("late", nullptr));
+            EXPECT_GE(CountLog(kError, "Server is going to be closed!"),
+                      1); // the start signal, too
+            EXPECT_EQ(CountLog(kDebug, "all send message/signal finished"), 0);
             EXPECT_FALSE(app.SubscribeSignal("act", "other", nullptr, nullptr));
             EXPECT_FALSE(app.UnSubscribeSignal("act", "signal"));
             EXPECT_FALSE(app.AwaitHooks());

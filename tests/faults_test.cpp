@@ -104,6 +104,14 @@ constexpr char kEchoPath[] = "/example/echo/message";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr char kGoodBody[] = "('me', uint32 7, 't', 'x')";
 
+// Takes the message over.
+void Send(GDBusConnection* connection, GDBusMessage* message)
+{
+    EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                               nullptr, nullptr));
+    g_object_unref(message);
+}
+
 // Calls of every wrong kind, and signals and answers that the service never asked for.
 void SendWrongMessages(RawPeer& peer)
 {
@@ -111,44 +119,44 @@ void SendWrongMessages(RawPeer& peer)
     const auto text = [](const std::string& content) {
         return "('me', uint32 7, 't', '" + content + "')";
     };
+    constexpr auto call = G_DBUS_MESSAGE_TYPE_METHOD_CALL, signal = G_DBUS_MESSAGE_TYPE_SIGNAL;
     const struct
     {
         GDBusMessageType type;
         const char *path, *interface, *member;
         std::string body;
     } cases[] = {
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "NoSuchMethod", "()"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, "/", kEcho, "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "(1,)"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
-         "('', uint32 0, '', '', b'plain')"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+        {call, kEchoPath, kEcho, "NoSuchMethod", "()"},
+        {call, "/", kEcho, "SendMessage", kGoodBody},
+        {call, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
+        {call, kEchoPath, kEcho, "SendMessage", "(1,)"},
+        {call, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer", "('', uint32 0, '', '', b'plain')"},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer",
          "('', uint32 0, '', '', [(byte 1, 'pair')])"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer",
          "('', uint32 0, '', '', {'k': <[[<1>]]>})"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(huge)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deep)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deepObject)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "GetAll", "(1, 2)"},
+        {call, kEchoPath, kEcho, "SendMessage", text(huge)},
+        {call, kEchoPath, kEcho, "SendMessage", text(deep)},
+        {call, kEchoPath, kEcho, "SendMessage", text(deepObject)},
+        {call, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
+        {call, kEchoPath, kProperties, "GetAll", "(1, 2)"},
         {G_DBUS_MESSAGE_TYPE_METHOD_RETURN, nullptr, nullptr, nullptr, kGoodBody},
         {G_DBUS_MESSAGE_TYPE_ERROR, nullptr, nullptr, nullptr, "(1,)"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "()"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", text(deep)},
+        {signal, kEchoPath, kEcho, "SendMessage", kGoodBody},
+        {signal, kEchoPath, kEcho, "service_start_default", "()"},
+        {signal, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
+        {signal, kEchoPath, kEcho, "service_start_default", text(deep)},
     };
     for (const auto& c : cases) {
-        g_autoptr(GDBusMessage) message = g_dbus_message_new();
+        GDBusMessage* const message = g_dbus_message_new();
         g_dbus_message_set_message_type(message, c.type);
         g_dbus_message_set_path(message, c.path);
         g_dbus_message_set_interface(message, c.interface);
         g_dbus_message_set_member(message, c.member);
         g_dbus_message_set_body(message, g_variant_new_parsed(c.body.c_str()));
-        if (c.type != G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        if (c.type != signal) {
             g_dbus_message_set_destination(message, kEcho);
         }
         if (c.member == nullptr) {
@@ -156,12 +164,11 @@ void SendWrongMessages(RawPeer& peer)
             g_dbus_message_set_error_name(
                 message, c.type == G_DBUS_MESSAGE_TYPE_ERROR ? "no.such.Error" : nullptr);
         }
-        EXPECT_TRUE(g_dbus_connection_send_message(
-            peer.Get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr));
+        Send(peer.Get(), message);
     }
 }
 
-void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
+GDBusMessage* WithDescriptors(GDBusMessage* message)
 {
     g_autoptr(GUnixFDList) list = g_unix_fd_list_new();
     for (int i = 0; i < 16; ++i) {
@@ -169,9 +176,7 @@ void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
     }
     g_dbus_message_set_unix_fd_list(message, list);
     g_dbus_message_set_body(message, g_variant_new_parsed(kGoodBody));
-    EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                               nullptr, nullptr));
-    g_object_unref(message);
+    return message;
 }
 
 GDBusMessage* AnswerWithDescriptors(GDBusConnection* connection, GDBusMessage* message,
@@ -179,7 +184,7 @@ GDBusMessage* AnswerWithDescriptors(GDBusConnection* connection, GDBusMessage* m
 {
     if (incoming != 0 &&
         g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
-        SendWithDescriptors(connection, g_dbus_message_new_method_reply(message));
+        Send(connection, WithDescriptors(g_dbus_message_new_method_reply(message)));
     }
     return message;
 }
@@ -274,9 +279,16 @@ TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
 TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
 {
     constexpr int kMessages = 100;
+    const auto newCall = [] {
+        return WithDescriptors(g_dbus_message_new_method_call("app.message", "/app/message",
+                                                              "app.message", "SendMessage"));
+    };
     ASSERT_TRUE(app.CreateDBusServer() &&
                 app.SubscribeSignal("other", "signal", nullptr, nullptr) &&
                 app.SubscribeSignal(nullptr, "from_any", nullptr, nullptr));
+    ASSERT_TRUE(proxy.CreateDBusProxy() &&
+                proxy.SubscribeSignal("other", "signal", nullptr, nullptr) &&
+                proxy.UnSubscribeSignal("other", "signal")); // which leaves the other one
     Await([&] { return app.IsServiceAvailable("app"); });
     RawPeer peer;
     std::promise<void> release;
@@ -284,12 +296,12 @@ TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
     const auto before = OpenDescriptors();
     for (int i = 0; i < kMessages; ++i) {
         for (const char* const name : {"signal", "from_any"}) {
-            SendWithDescriptors(peer.Get(), g_dbus_message_new_signal("/o", "other.message", name));
+            Send(peer.Get(),
+                 WithDescriptors(g_dbus_message_new_signal("/o", "other.message", name)));
         }
-        GDBusMessage* const call = g_dbus_message_new_method_call("app.message", "/app/message",
-                                                                  "app.message", "SendMessage");
+        GDBusMessage* const call = newCall();
         g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-        SendWithDescriptors(peer.Get(), call);
+        Send(peer.Get(), call);
     }
     peer.Call("org.freedesktop.DBus", "GetId", "()");
     EXPECT_TRUE(app.IsServiceAvailable("app")); // told behind all of these
@@ -301,6 +313,10 @@ TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
         return std::count(seen.begin(), seen.end(), ';');
     };
     Await([&] { return count() == 3 * kMessages; });
+    g_autoptr(GDBusMessage) call = newCall();
+    g_autoptr(GDBusMessage) answer = g_dbus_connection_send_message_with_reply_sync(
+        peer.Get(), call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, 10000, nullptr, nullptr, nullptr);
+    EXPECT_NE(answer, nullptr);
 
     // What the program itself does on that connection keeps them.
     g_dbus_connection_add_filter(peer.Get(), &AnswerWithDescriptors, nullptr, nullptr);
