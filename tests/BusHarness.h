@@ -211,15 +211,26 @@ public:
             m_Connection, name.c_str(), Velmora::TCServerHelper::GetObjectPath(name).c_str(),
             name.c_str(), method, g_variant_new_parsed(body), nullptr, G_DBUS_CALL_FLAGS_NONE,
             timeout, nullptr, &error);
-        if (reply == nullptr) {
-            return error->message;
-        }
-        g_autofree gchar* printed = g_variant_print(reply, TRUE);
-        return printed;
+        return Printed(reply, error);
     }
-    std::future<std::string> CallLater(const char* name)
+    // Goes out before all later calls; the answer comes on the dispatch thread.
+    std::future<std::string> CallLater(const std::string& name)
     {
-        return std::async(std::launch::async, [this, name] { return Call(name); });
+        using Said = std::promise<std::string>;
+        const auto note = [](GObject* source, GAsyncResult* result, void* data) {
+            const std::unique_ptr<Said> said(static_cast<Said*>(data));
+            g_autoptr(GError) error = nullptr;
+            g_autoptr(GVariant) reply = g_dbus_connection_call_finish(
+                reinterpret_cast<GDBusConnection*>(source), result, &error);
+            said->set_value(Printed(reply, error));
+        };
+        auto* const said = new Said; // which is the callback's
+        auto future = said->get_future();
+        g_dbus_connection_call(m_Connection, name.c_str(),
+                               Velmora::TCServerHelper::GetObjectPath(name).c_str(), name.c_str(),
+                               "SendMessage", g_variant_new_parsed(kCall), nullptr,
+                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, note, said);
+        return future;
     }
     bool Emit(const char* path, const char* interface, const char* signal, const char* body)
     {
@@ -229,6 +240,12 @@ public:
     }
 
 private:
+    static std::string Printed(GVariant* reply, const GError* error)
+    {
+        g_autofree gchar* printed = reply != nullptr ? g_variant_print(reply, TRUE) : nullptr;
+        return printed != nullptr ? printed : error->message;
+    }
+
     GDBusConnection* m_Connection;
 };
 

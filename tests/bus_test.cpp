@@ -125,6 +125,9 @@ TEST_F(BusTest, StartUpClaimsItsNamesOnceAndCloseGivesThemBack)
         starts += kAppStarts;
         Await([&] { return proxy.Seen() == starts; });
     }
+    EXPECT_TRUE(proxy.IsServiceAvailable("app"));
+    OnDispatchThread([] {});
+    EXPECT_EQ(proxy.Seen(), starts); // and none twice
 
     // One of no known kind takes its entry and nothing else, here during the create of another.
     Server odd("app", static_cast<TCServer::TCServerType>(3));
@@ -166,6 +169,7 @@ TEST_F(BusTest, SendsTakeTheRouteThatTheTargetAllows)
 
     task.onMessage = [](TCMessage& answer) { answer.m_Json["dbus_result"] = "fail"; };
     EXPECT_TRUE(app.SendMessage("task", &stale, true, &reply));
+    EXPECT_EQ(std::as_const(reply).GetMessage(), R"({"dbus_result":"fail","n":1})");
     ASSERT_TRUE(proxy.CreateDBusProxy());
     EXPECT_TRUE(proxy.SendMessage("task", &stale, true, &reply)); // no route to fail on
     EXPECT_FALSE(proxy.SendMessage("nobody", &stale, true, &reply, 5000));
@@ -273,9 +277,10 @@ TEST_F(BusTest, ForeignPeersMayAnswerAnythingOrDie)
         const ForeignService peer("a_peer.message", c.mode);
         Await([&] { return proxy.IsServiceAvailable("a-peer"); });
         reply = Message("before");
-        EXPECT_EQ(proxy.SendMessage("a-peer", &message, true, &reply, 300), c.sent);
-        EXPECT_EQ(reply.GetMessage(), c.reply);
         proxy.SendMessage("a-peer", &message, false, &reply);
+        EXPECT_EQ(proxy.SendMessage("a-peer", &message, true, &reply, 300), c.sent); // behind it
+        EXPECT_EQ(reply.GetMessage(), c.reply);
+        OnDispatchThread([] {});
         seen += c.seen;
         Await([&] { return proxy.Seen() == seen; });
     }

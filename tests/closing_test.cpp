@@ -111,20 +111,21 @@ TEST_F(ClosingTest, AnswerOfAHookThatOutlastsTheCloseLeaves)
     for (int round = 0; round < 20; ++round) {
         TaskServer task("task", TCServer::SERVER_TYPE_SERVICE, "task");
         task.transferTo = round % 2 == 0 ? &task : nullptr;
-        std::promise<void> inside, closed;
+        std::atomic<bool> inside{false}, closed{false};
         task.onMessage = [&](TCMessage&) {
-            inside.set_value();
-            closed.get_future().wait();
+            inside = true;
+            Await([&] { return closed.load(); });
             EXPECT_TRUE(round % 3 == 0 || task.AwaitHooks()); // of the others
         };
         ASSERT_TRUE(task.Create("task") && task.CreateDBusServer());
         Await([&] { return task.IsServiceAvailable("task"); });
         auto answer = peer.CallLater("task.message");
-        inside.get_future().wait();
+        Await([&] { return inside.load(); });
         auto next = peer.CallLater("task.message"); // waits behind the hook, or on the task
-        EXPECT_TRUE(task.IsServiceAvailable("task"));
+        peer.Call("org.freedesktop.DBus", "GetId", "()");
+        EXPECT_TRUE(task.IsServiceAvailable("task")); // told behind it
         task.CloseDBusServer();
-        closed.set_value();
+        closed = true;
         EXPECT_TRUE(task.AwaitHooks());
         task.Destroy();
         EXPECT_EQ(answer.get(), "('task', uint32 0, '', 'x', [(byte 0x00,)])");
