@@ -26,7 +26,6 @@ struct LiveServer
     // Of the life that takes callbacks, or took them last.
     unsigned int number SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = 0;
     ContextPtr context SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
-    bool creating SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool open SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     bool named SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = false;
     // The first of the open scopes. A list of the scopes themselves, so that none needs memory.
@@ -137,7 +136,6 @@ Life LiveServers::BeginCreate(TCServer* server)
         ++live->number;
     }
     live->context.reset(g_main_context_ref_thread_default());
-    live->creating = true;
     live->named = false;
     return {live, live->number};
 }
@@ -145,7 +143,6 @@ Life LiveServers::BeginCreate(TCServer* server)
 bool LiveServers::EndCreate(const Life& life, bool open)
 {
     const Lock lock(g_SetMutex);
-    life.server->creating = false;
     life.server->open = open;
     return open && life.server->named;
 }
@@ -154,7 +151,7 @@ bool LiveServers::NoteName(const Life& life)
 {
     const Lock lock(g_SetMutex);
     life.server->named = true;
-    return life.server->open && !life.server->creating;
+    return life.server->open;
 }
 
 void LiveServers::Close(TCServer* server)

@@ -1,12 +1,18 @@
 // What the tests on a bus share.
 #pragma once
 
+#include <cstring>
 #include <future>
 #include <memory>
 
 #include <gio/gio.h>
 
 #include "Harness.h"
+
+constexpr char kErrorReply[] = "('', uint32 0, '', '{\"dbus_result\":\"fail\",\"errmsg\":\"error "
+                               "handling\"}', [(byte 0x00,)])";
+constexpr char kCall[] = "('me', uint32 0, '', 'x')";
+constexpr char kAppStarts[] = "service_start_default app:{\"service_name\":\"app\"};";
 
 // Runs the default main context on a thread: the bus dispatch thread.
 class Dispatcher
@@ -22,8 +28,6 @@ public:
         m_Thread.join();
         g_main_loop_unref(m_Loop);
     }
-    Dispatcher(const Dispatcher&) = delete;
-    Dispatcher& operator=(const Dispatcher&) = delete;
 
 private:
     void Run() { g_main_loop_run(m_Loop); }
@@ -76,7 +80,9 @@ public:
     std::function<void(Velmora::TCMessage& reply)> onMessage;
     std::atomic<GThread*> thread{nullptr}; // of the last message
 
+    using TCServer::m_PendingCallNotify;
     using TCServer::m_SendingCount;
+    using TCServer::m_ServerMutex;
 
 protected:
     bool IfTransferMessage(const char* /*from*/, const Velmora::TCMessage* /*message*/,
@@ -133,26 +139,37 @@ inline Velmora::TCMessage Message(const std::string& text, unsigned int bufferSi
     return message;
 }
 
-// A service in a process of its own that does not know the library.
-class ForeignService
+// A program in a process of its own, which ends with this object.
+class Child
 {
 public:
-    ForeignService(const char* busName, const char* mode)
-        : m_Process(g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, FOREIGN_PEER, busName, mode,
-                                     nullptr))
-    {}
-    ~ForeignService()
+    explicit Child(std::vector<const char*> command,
+                   GSubprocessFlags flags = G_SUBPROCESS_FLAGS_NONE)
+    {
+        command.push_back(nullptr);
+        m_Process = g_subprocess_newv(command.data(), flags, nullptr);
+    }
+    ~Child()
     {
         g_subprocess_force_exit(m_Process);
-        g_subprocess_wait(m_Process, nullptr, nullptr);
+        EndsWell();
         g_object_unref(m_Process);
     }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
     pid_t Process() const { return std::stoi(g_subprocess_get_identifier(m_Process)); }
-    ForeignService(const ForeignService&) = delete;
-    ForeignService& operator=(const ForeignService&) = delete;
+    void Signal(int number) { g_subprocess_send_signal(m_Process, number); }
+    bool EndsWell() { return g_subprocess_wait_check(m_Process, nullptr, nullptr) != 0; }
 
 private:
     GSubprocess* m_Process;
+};
+
+// A service that does not know the library.
+struct ForeignService : Child
+{
+    ForeignService(const char* busName, const char* mode) : Child({FOREIGN_PEER, busName, mode}) {}
 };
 
 // A client of the bus that does not know the library.
@@ -179,35 +196,41 @@ public:
     // The process of the bus.
     pid_t Daemon()
     {
-        GVariant* const answer = g_dbus_connection_call_sync(
-            m_Connection, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
-            "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
-            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-        guint32 process = 0;
-        g_variant_get(answer, "(u)", &process);
-        g_variant_unref(answer);
-        return static_cast<pid_t>(process);
+        constexpr char bus[] = "org.freedesktop.DBus";
+        const std::string said =
+            Call(bus, "GetConnectionUnixProcessID", "('org.freedesktop.DBus',)");
+        return std::stoi(said.substr(std::strlen("(uint32 ")));
     }
 
     // The printed reply of a call, or the error's message.
-    std::string Call(const std::string& name, const char* method, const char* body,
-                     int timeout = 10000)
+    std::string Call(const std::string& name, const char* method = "SendMessage",
+                     const char* body = kCall, int timeout = 10000)
     {
-        GError* error = nullptr;
-        GVariant* const reply = g_dbus_connection_call_sync(
+        g_autoptr(GError) error = nullptr;
+        g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
             m_Connection, name.c_str(), Velmora::TCServerHelper::GetObjectPath(name).c_str(),
             name.c_str(), method, g_variant_new_parsed(body), nullptr, G_DBUS_CALL_FLAGS_NONE,
             timeout, nullptr, &error);
-        if (reply == nullptr) {
-            const std::string text = error->message;
-            g_error_free(error);
-            return text;
-        }
-        gchar* const printed = g_variant_print(reply, TRUE);
-        const std::string text = printed;
-        g_free(printed);
-        g_variant_unref(reply);
-        return text;
+        return Printed(reply, error);
+    }
+    // Goes out before all later calls; the answer comes on the dispatch thread.
+    std::future<std::string> CallLater(const std::string& name)
+    {
+        using Said = std::promise<std::string>;
+        const auto note = [](GObject* source, GAsyncResult* result, void* data) {
+            const std::unique_ptr<Said> said(static_cast<Said*>(data));
+            g_autoptr(GError) error = nullptr;
+            g_autoptr(GVariant) reply = g_dbus_connection_call_finish(
+                reinterpret_cast<GDBusConnection*>(source), result, &error);
+            said->set_value(Printed(reply, error));
+        };
+        auto* const said = new Said; // which is the callback's
+        auto future = said->get_future();
+        g_dbus_connection_call(m_Connection, name.c_str(),
+                               Velmora::TCServerHelper::GetObjectPath(name).c_str(), name.c_str(),
+                               "SendMessage", g_variant_new_parsed(kCall), nullptr,
+                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, note, said);
+        return future;
     }
     bool Emit(const char* path, const char* interface, const char* signal, const char* body)
     {
@@ -217,6 +240,12 @@ public:
     }
 
 private:
+    static std::string Printed(GVariant* reply, const GError* error)
+    {
+        g_autofree gchar* printed = reply != nullptr ? g_variant_print(reply, TRUE) : nullptr;
+        return printed != nullptr ? printed : error->message;
+    }
+
     GDBusConnection* m_Connection;
 };
 
@@ -226,4 +255,7 @@ protected:
     void SetUp() override { ForgetLog(); }
 
     Dispatcher dispatcher;
+    Server app{"app"}, proxy{"proxy", Velmora::TCServer::SERVER_TYPE_PROXY};
+    const Velmora::TCMessage message = Message("x");
+    Velmora::TCMessage reply;
 };

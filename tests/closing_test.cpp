@@ -11,34 +11,26 @@ using namespace Velmora;
 
 namespace {
 
-constexpr char kErrorReply[] = "('', uint32 0, '', "
-                               "'{\"dbus_result\":\"fail\",\"errmsg\":\"error handling\"}', "
-                               "[(byte 0x00,)])";
-
-// Stops the dispatch thread, once, at an empty info line: the first one of each callback.
+// Stops the dispatch thread, once, at a line that holds this text.
 class StoppedCallback
 {
 public:
-    StoppedCallback()
+    explicit StoppedCallback(const std::string& text)
     {
-        OnLog([this](const std::string& line) {
-            if (g_main_context_is_owner(nullptr) != 0 && line.find(m_Line) != std::string::npos &&
+        OnLog([this, text](const std::string& line) {
+            if (g_main_context_is_owner(nullptr) != 0 && line.find(text) != std::string::npos &&
                 !m_Done.exchange(true)) {
                 m_Begun.set_value();
                 m_Released.get_future().wait();
             }
         });
     }
-    explicit StoppedCallback(const char* line) : StoppedCallback() { m_Line = line; }
     ~StoppedCallback() { OnLog(nullptr); }
-    StoppedCallback(const StoppedCallback&) = delete;
-    StoppedCallback& operator=(const StoppedCallback&) = delete;
 
     void AwaitBegin() { m_Begun.get_future().wait(); }
     void Release() { m_Released.set_value(); }
 
 private:
-    std::string m_Line = "[nil]\033[0m";
     std::atomic<bool> m_Done{false};
     std::promise<void> m_Begun, m_Released;
 };
@@ -48,43 +40,68 @@ void AwaitDispatch()
     OnDispatchThread([] {});
 }
 
-std::future<std::string> CallLater(RawPeer& peer, const char* name)
-{
-    return std::async(std::launch::async, [&peer, name] {
-        return peer.Call(name, "SendMessage", "('me', uint32 0, '', 'x')");
-    });
-}
-
 } // namespace
 
 using ClosingTest = BusTest;
 
-TEST_F(ClosingTest, CallbackThatHasBegunEntersNoLaterServerAtItsAddress)
+TEST_F(ClosingTest, CallbackThatHasBegunEntersNoServerAfterItsLife)
 {
+    const ForeignService foreign("peer.message", "('p', uint32 1, '', '5')");
+    ASSERT_TRUE(proxy.CreateDBusProxy());
+    Await([&] { return proxy.IsServiceAvailable("peer"); });
     RawPeer peer;
-    for (const bool isCall : {true, false}) {
-        std::optional<Server> server(std::in_place, "guest");
-        ASSERT_TRUE(server->CreateDBusServer());
-        ASSERT_TRUE(server->SubscribeSignal("guest", "signal", nullptr, nullptr));
-        Await([&] { return server->IsServiceAvailable("guest"); });
-        AwaitDispatch(); // the start signal
-        StoppedCallback callback(isCall ? "[nil]\033[0m" : "signal(signal)");
-        std::future<std::string> answer;
-        if (isCall) {
-            answer = CallLater(peer, "guest.message");
-        } else {
-            peer.Emit("/guest/message", "guest.message", "signal", "('me', uint32 0, '', 'x')");
+    std::optional<Noted<>> server; // which its destructor alone ends, or AwaitHooks
+    std::future<std::string> answer;
+    const auto hold = [](void*) -> gboolean {
+        VELMORA_LOGI("dispatch thread is held");
+        return G_SOURCE_REMOVE;
+    };
+    const struct
+    {
+        const char* line; // at which the dispatch thread stays until the life is over
+        std::function<void()> arrive;
+    } cases[] = {
+        {"m_DObjectHandler(", [&] { answer = peer.CallLater("guest.message"); }},
+        {"signal(signal)", [&] { peer.Emit("/x", "foreign.face", "signal", kCall); }},
+        {"dispatch thread is held",
+         [&] {
+             g_timeout_add(0, hold, nullptr);
+             EXPECT_TRUE(server->SendMessage("peer", &message, false, &reply));
+             EXPECT_TRUE(server->SendMessage("peer", &message, true, &reply)); // both have come
+         }},
+    };
+    const auto open = [&](const char* name) {
+        EXPECT_TRUE(server->CreateDBusServer());
+        EXPECT_TRUE(server->SubscribeSignal(nullptr, "signal", nullptr, nullptr));
+        Await([&] { return server->IsServiceAvailable(name); });
+    };
+    enum { Closed, OpenAgain, Replaced };
+    for (const auto state : {Closed, OpenAgain, Replaced}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::to_string(state) + c.line);
+            server.emplace("guest");
+            open("guest");
+            AwaitDispatch(); // the start signal
+            StoppedCallback callback(c.line);
+            c.arrive();
+            callback.AwaitBegin();
+            server->CloseDBusServer();
+            if (state == Replaced) {
+                server.emplace("admin"); // at the same address
+                open("admin");
+            } else {
+                EXPECT_TRUE(server->AwaitHooks());
+            }
+            if (state == OpenAgain) {
+                open("guest");
+            }
+            const std::string seen = server->Seen();
+            callback.Release();
+            AwaitDispatch();
+            EXPECT_EQ(server->Seen(), seen);
+            EXPECT_TRUE(!answer.valid() || answer.get() == kErrorReply);
+            server->CloseDBusServer();
         }
-        callback.AwaitBegin();
-        server.emplace("admin");
-        ASSERT_TRUE(server->CreateDBusServer());
-        ASSERT_TRUE(server->SubscribeSignal("guest", "signal", nullptr, nullptr));
-        callback.Release();
-        AwaitDispatch();
-        if (isCall) {
-            EXPECT_EQ(answer.get(), kErrorReply);
-        }
-        EXPECT_EQ(server->Seen(), "");
     }
 }
 
@@ -92,22 +109,27 @@ TEST_F(ClosingTest, AnswerOfAHookThatOutlastsTheCloseLeaves)
 {
     RawPeer peer;
     for (int round = 0; round < 20; ++round) {
-        TaskServer app("app", TCServer::SERVER_TYPE_SERVICE, "task");
-        app.transferTo = round % 2 == 0 ? &app : nullptr;
-        std::promise<void> inside, closed;
-        app.onMessage = [&](TCMessage&) {
-            inside.set_value();
-            closed.get_future().wait();
+        TaskServer task("task", TCServer::SERVER_TYPE_SERVICE, "task");
+        task.transferTo = round % 2 == 0 ? &task : nullptr;
+        std::atomic<bool> inside{false}, closed{false};
+        task.onMessage = [&](TCMessage&) {
+            inside = true;
+            Await([&] { return closed.load(); });
+            EXPECT_TRUE(round % 3 == 0 || task.AwaitHooks()); // of the others
         };
-        ASSERT_TRUE(app.Create("task") && app.CreateDBusServer());
-        Await([&] { return app.IsServiceAvailable("app"); });
-        auto answer = CallLater(peer, "app.message");
-        inside.get_future().wait();
-        app.CloseDBusServer();
-        closed.set_value();
-        EXPECT_TRUE(app.AwaitHooks());
-        app.Destroy();
-        EXPECT_EQ(answer.get(), "('app', uint32 0, '', 'x', [(byte 0x00,)])");
+        ASSERT_TRUE(task.Create("task") && task.CreateDBusServer());
+        Await([&] { return task.IsServiceAvailable("task"); });
+        auto answer = peer.CallLater("task.message");
+        Await([&] { return inside.load(); });
+        auto next = peer.CallLater("task.message"); // waits behind the hook, or on the task
+        peer.Call("org.freedesktop.DBus", "GetId", "()");
+        EXPECT_TRUE(task.IsServiceAvailable("task")); // told behind it
+        task.CloseDBusServer();
+        closed = true;
+        EXPECT_TRUE(task.AwaitHooks());
+        task.Destroy();
+        EXPECT_EQ(answer.get(), "('task', uint32 0, '', 'x', [(byte 0x00,)])");
+        EXPECT_EQ(next.get().find("NoReply"), std::string::npos);
     }
 }
 
@@ -116,9 +138,7 @@ TEST_F(ClosingTest, ProcessThatEndsByTheBookAnswersEveryCall)
     RawPeer peer;
     constexpr int kCalls = 120;
     for (int round = 0; round < 5; ++round) {
-        GSubprocess* const service =
-            g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, CLOSING_SERVICE,
-                             std::to_string(kCalls).c_str(), nullptr);
+        Child service({CLOSING_SERVICE, std::to_string(kCalls).c_str()});
         std::atomic<int> answered{0}, failed{0};
         std::vector<std::future<void>> calls;
         Await([&] {
@@ -127,22 +147,20 @@ TEST_F(ClosingTest, ProcessThatEndsByTheBookAnswersEveryCall)
         });
         for (int i = 0; i < kCalls; ++i) {
             calls.push_back(std::async(std::launch::async, [&] {
-                const std::string said =
-                    peer.Call("closing.message", "SendMessage", "('me', uint32 0, '', 'x')");
+                const std::string said = peer.Call("closing.message");
                 ++(said == kErrorReply || said.find("('closing'") == 0 ? answered : failed);
             }));
         }
         calls.clear();
         EXPECT_EQ(failed, 0);
         EXPECT_EQ(answered, kCalls);
-        EXPECT_TRUE(g_subprocess_wait_check(service, nullptr, nullptr));
-        g_object_unref(service);
+        EXPECT_TRUE(service.EndsWell());
     }
 }
 
-TEST_F(ClosingTest, HookInsideASendGivesUpForTheCloseThatWaitsForIt)
+TEST_F(ClosingTest, CloseWaitsForASendInsideWhichAHookGivesUpForIt)
 {
-    Server app("app"), act("act", TCServer::SERVER_TYPE_ACTIVITY);
+    Server act("act", TCServer::SERVER_TYPE_ACTIVITY);
     ASSERT_TRUE(app.CreateDBusServer() && act.CreateDBusServer());
     for (const char* const target : {"act", "app"}) {
         ASSERT_TRUE(app.CreateDBusServer());
@@ -152,16 +170,16 @@ TEST_F(ClosingTest, HookInsideASendGivesUpForTheCloseThatWaitsForIt)
             inside.set_value();
             Await(
                 [] { return CountLog(kDebug, "waiting all send message/signal finished *") > 0; });
+            EXPECT_FALSE(app.SendSignal("late", nullptr));
+            EXPECT_GE(CountLog(kError, "Server is going to be closed!"),
+                      1); // the start signal, too
+            EXPECT_EQ(CountLog(kDebug, "all send message/signal finished"), 0);
             EXPECT_FALSE(app.SubscribeSignal("act", "other", nullptr, nullptr));
             EXPECT_FALSE(app.UnSubscribeSignal("act", "signal"));
             EXPECT_FALSE(app.AwaitHooks());
         };
         ForgetLog();
-        std::thread sender([&] {
-            const TCMessage message = Message("x");
-            TCMessage reply;
-            EXPECT_TRUE(app.SendMessage(target, &message, true, &reply));
-        });
+        std::thread sender([&] { EXPECT_TRUE(app.SendMessage(target, &message, true, &reply)); });
         inside.get_future().wait();
         app.CloseDBusServer();
         sender.join();
@@ -172,11 +190,6 @@ TEST_F(ClosingTest, HookInsideASendGivesUpForTheCloseThatWaitsForIt)
 
 TEST_F(ClosingTest, SendersThatArePausedDoNotRefuseEachOther)
 {
-    struct Proxy : Server
-    {
-        Proxy() : Server("proxy", TCServer::SERVER_TYPE_PROXY) {}
-        using TCServer::m_ServerMutex;
-    } proxy;
     ASSERT_TRUE(proxy.CreateDBusProxy());
     signal(SIGUSR1, [](int) { g_usleep(3000); }); // wherever it meets a sender
     std::atomic<bool> over{false};
@@ -212,7 +225,6 @@ TEST_F(ClosingTest, SendersThatArePausedDoNotRefuseEachOther)
 
 TEST_F(ClosingTest, NameThatComesDuringACreateIsAnnouncedByItsEnd)
 {
-    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "service_start_default", nullptr, nullptr));
     OnLog([](const std::string& line) {
@@ -229,8 +241,8 @@ TEST_F(ClosingTest, NameThatComesDuringACreateIsAnnouncedByItsEnd)
     app.CloseDBusServer();
 
     // A create that fails after it has asked for the name announces nothing.
-    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    GDBusNodeInfo* const node =
+    g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_autoptr(GDBusNodeInfo) node =
         g_dbus_node_info_new_for_xml("<node><interface name='app.message'/></node>", nullptr);
     const guint taken =
         g_dbus_connection_register_object(shared, "/app/message", node->interfaces[0],
@@ -242,7 +254,5 @@ TEST_F(ClosingTest, NameThatComesDuringACreateIsAnnouncedByItsEnd)
     EXPECT_TRUE(proxy.IsServiceAvailable("app"));
     AwaitDispatch();
     g_dbus_connection_unregister_object(shared, taken);
-    g_dbus_node_info_unref(node);
-    g_object_unref(shared);
-    EXPECT_EQ(proxy.Seen(), "service_start_default app:{\"service_name\":\"app\"};");
+    EXPECT_EQ(proxy.Seen(), kAppStarts);
 }

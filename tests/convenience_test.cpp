@@ -94,7 +94,6 @@ TEST_F(Convenience, ScopeClosesWhileHooksRunOnOtherThreads)
     std::atomic<int> handled{0};
     std::atomic<bool> over{false};
     std::thread thread([&] { // by turns on this thread and on the task's
-        TCMessage message = Message("x"), reply;
         for (bool sync = true; !over; sync = !sync) {
             sender->SendMessage("t.worker", &message, sync, sync ? &reply : nullptr);
         }
@@ -110,7 +109,6 @@ TEST_F(Convenience, ScopeClosesWhileHooksRunOnOtherThreads)
 
 TEST_F(Convenience, EndsWaitForARunningHookOfAServerThatDoesNotCloseItself)
 {
-    const TCMessage message = Message("x");
     TCScope<TCServer> sender("t.sender", TCServer::SERVER_TYPE_PROXY);
     std::atomic<bool> left, whole;
     const auto call = [&](Slow& slow) {

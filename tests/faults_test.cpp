@@ -75,18 +75,16 @@ public:
 
     void Call(const char* name, const char* path, const char* method, const char* body)
     {
-        GDBusMessage* const message = g_dbus_message_new_method_call(name, path, name, method);
+        g_autoptr(GDBusMessage) message = g_dbus_message_new_method_call(name, path, name, method);
         if (m_Serial % 16 != 0) { // which the bus does not count, and so goes on delivering
             g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
         }
         g_dbus_message_set_body(message, g_variant_new_parsed(body));
         g_dbus_message_set_serial(message, ++m_Serial);
         gsize size = 0;
-        auto* const bytes = reinterpret_cast<char*>(
-            g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
-        Write({bytes, size});
-        g_free(bytes);
-        g_object_unref(message);
+        g_autofree guchar* bytes =
+            g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+        Write({bytes, bytes + size});
     }
 
 private:
@@ -106,6 +104,14 @@ constexpr char kEchoPath[] = "/example/echo/message";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr char kGoodBody[] = "('me', uint32 7, 't', 'x')";
 
+// Takes the message over.
+void Send(GDBusConnection* connection, GDBusMessage* message)
+{
+    EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                               nullptr, nullptr));
+    g_object_unref(message);
+}
+
 // Calls of every wrong kind, and signals and answers that the service never asked for.
 void SendWrongMessages(RawPeer& peer)
 {
@@ -113,35 +119,35 @@ void SendWrongMessages(RawPeer& peer)
     const auto text = [](const std::string& content) {
         return "('me', uint32 7, 't', '" + content + "')";
     };
+    constexpr auto call = G_DBUS_MESSAGE_TYPE_METHOD_CALL, signal = G_DBUS_MESSAGE_TYPE_SIGNAL;
     const struct
     {
         GDBusMessageType type;
         const char *path, *interface, *member;
         std::string body;
     } cases[] = {
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "NoSuchMethod", "()"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, "/", kEcho, "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "(1,)"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
-         "('', uint32 0, '', '', b'plain')"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+        {call, kEchoPath, kEcho, "NoSuchMethod", "()"},
+        {call, "/", kEcho, "SendMessage", kGoodBody},
+        {call, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
+        {call, kEchoPath, kEcho, "SendMessage", "(1,)"},
+        {call, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer", "('', uint32 0, '', '', b'plain')"},
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer",
          "('', uint32 0, '', '', [(byte 1, 'pair')])"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessageWithBuffer",
+        {call, kEchoPath, kEcho, "SendMessageWithBuffer",
          "('', uint32 0, '', '', {'k': <[[<1>]]>})"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(huge)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deep)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kEcho, "SendMessage", text(deepObject)},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
-        {G_DBUS_MESSAGE_TYPE_METHOD_CALL, kEchoPath, kProperties, "GetAll", "(1, 2)"},
+        {call, kEchoPath, kEcho, "SendMessage", text(huge)},
+        {call, kEchoPath, kEcho, "SendMessage", text(deep)},
+        {call, kEchoPath, kEcho, "SendMessage", text(deepObject)},
+        {call, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
+        {call, kEchoPath, kProperties, "GetAll", "(1, 2)"},
         {G_DBUS_MESSAGE_TYPE_METHOD_RETURN, nullptr, nullptr, nullptr, kGoodBody},
         {G_DBUS_MESSAGE_TYPE_ERROR, nullptr, nullptr, nullptr, "(1,)"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "SendMessage", kGoodBody},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "()"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
-        {G_DBUS_MESSAGE_TYPE_SIGNAL, kEchoPath, kEcho, "service_start_default", text(deep)},
+        {signal, kEchoPath, kEcho, "SendMessage", kGoodBody},
+        {signal, kEchoPath, kEcho, "service_start_default", "()"},
+        {signal, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
+        {signal, kEchoPath, kEcho, "service_start_default", text(deep)},
     };
     for (const auto& c : cases) {
         GDBusMessage* const message = g_dbus_message_new();
@@ -150,7 +156,7 @@ void SendWrongMessages(RawPeer& peer)
         g_dbus_message_set_interface(message, c.interface);
         g_dbus_message_set_member(message, c.member);
         g_dbus_message_set_body(message, g_variant_new_parsed(c.body.c_str()));
-        if (c.type != G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        if (c.type != signal) {
             g_dbus_message_set_destination(message, kEcho);
         }
         if (c.member == nullptr) {
@@ -158,24 +164,19 @@ void SendWrongMessages(RawPeer& peer)
             g_dbus_message_set_error_name(
                 message, c.type == G_DBUS_MESSAGE_TYPE_ERROR ? "no.such.Error" : nullptr);
         }
-        EXPECT_TRUE(g_dbus_connection_send_message(
-            peer.Get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr));
-        g_object_unref(message);
+        Send(peer.Get(), message);
     }
 }
 
-void SendWithDescriptors(GDBusConnection* connection, GDBusMessage* message)
+GDBusMessage* WithDescriptors(GDBusMessage* message)
 {
-    GUnixFDList* const list = g_unix_fd_list_new();
+    g_autoptr(GUnixFDList) list = g_unix_fd_list_new();
     for (int i = 0; i < 16; ++i) {
         g_unix_fd_list_append(list, STDIN_FILENO, nullptr);
     }
     g_dbus_message_set_unix_fd_list(message, list);
     g_dbus_message_set_body(message, g_variant_new_parsed(kGoodBody));
-    EXPECT_TRUE(g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                               nullptr, nullptr));
-    g_object_unref(list);
-    g_object_unref(message);
+    return message;
 }
 
 GDBusMessage* AnswerWithDescriptors(GDBusConnection* connection, GDBusMessage* message,
@@ -183,7 +184,7 @@ GDBusMessage* AnswerWithDescriptors(GDBusConnection* connection, GDBusMessage* m
 {
     if (incoming != 0 &&
         g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
-        SendWithDescriptors(connection, g_dbus_message_new_method_reply(message));
+        Send(connection, WithDescriptors(g_dbus_message_new_method_reply(message)));
     }
     return message;
 }
@@ -195,7 +196,6 @@ TEST_F(BusTest, CreateWithoutBusOrDescriptorsFailsAndLeavesNone)
     // GLib aborts where it finds none for a new context: it has GDBus's already, and with one that
     // is free it would connect and then make another.
     const RawPeer first;
-    Server app("app");
     const auto fails = [&] {
         ForgetLog();
         EXPECT_FALSE(app.CreateDBusServer());
@@ -225,12 +225,9 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
 {
     const ForeignService foreign("peer.message", "('p', uint32 1, '', '5')");
     RawPeer raw;
-    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("app", "signal", nullptr, nullptr));
     Await([&] { return app.IsServiceAvailable("peer"); });
-    const TCMessage message = Message("x");
-    TCMessage reply;
     constexpr int kSends = 100;
     std::string replies, signals;
     for (const pid_t process : {raw.Daemon(), foreign.Process()}) {
@@ -254,7 +251,6 @@ TEST_F(BusTest, StoppedBusOrPeerCostsATimeoutAndLosesNothing)
 TEST_F(BusTest, CreateOnABusThatDoesNotAnswerGivesUpAndLaterOpens)
 {
     RawPeer raw;
-    Server app("app");
     {
         const Stopped stopped(raw.Daemon());
         EXPECT_FALSE(app.CreateDBusServer());
@@ -267,7 +263,6 @@ TEST_F(BusTest, CreateOnABusThatDoesNotAnswerGivesUpAndLaterOpens)
 TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
 {
     RawPeer raw;
-    Server app("app"), proxy("proxy", TCServer::SERVER_TYPE_PROXY);
     ASSERT_TRUE(app.CreateDBusServer() && proxy.CreateDBusProxy());
     Await([&] { return app.IsServiceAvailable("app"); });
     const Stopped stopped(raw.Daemon());
@@ -284,10 +279,16 @@ TEST_F(BusTest, CloseOnABusThatTakesNothingEnds)
 TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
 {
     constexpr int kMessages = 100;
-    Server app("app");
+    const auto newCall = [] {
+        return WithDescriptors(g_dbus_message_new_method_call("app.message", "/app/message",
+                                                              "app.message", "SendMessage"));
+    };
     ASSERT_TRUE(app.CreateDBusServer() &&
                 app.SubscribeSignal("other", "signal", nullptr, nullptr) &&
                 app.SubscribeSignal(nullptr, "from_any", nullptr, nullptr));
+    ASSERT_TRUE(proxy.CreateDBusProxy() &&
+                proxy.SubscribeSignal("other", "signal", nullptr, nullptr) &&
+                proxy.UnSubscribeSignal("other", "signal")); // which leaves the other one
     Await([&] { return app.IsServiceAvailable("app"); });
     RawPeer peer;
     std::promise<void> release;
@@ -295,12 +296,12 @@ TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
     const auto before = OpenDescriptors();
     for (int i = 0; i < kMessages; ++i) {
         for (const char* const name : {"signal", "from_any"}) {
-            SendWithDescriptors(peer.Get(), g_dbus_message_new_signal("/o", "other.message", name));
+            Send(peer.Get(),
+                 WithDescriptors(g_dbus_message_new_signal("/o", "other.message", name)));
         }
-        GDBusMessage* const call = g_dbus_message_new_method_call("app.message", "/app/message",
-                                                                  "app.message", "SendMessage");
+        GDBusMessage* const call = newCall();
         g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-        SendWithDescriptors(peer.Get(), call);
+        Send(peer.Get(), call);
     }
     peer.Call("org.freedesktop.DBus", "GetId", "()");
     EXPECT_TRUE(app.IsServiceAvailable("app")); // told behind all of these
@@ -312,44 +313,42 @@ TEST_F(BusTest, DescriptorsThatNobodyAskedForAreClosedAsTheyArrive)
         return std::count(seen.begin(), seen.end(), ';');
     };
     Await([&] { return count() == 3 * kMessages; });
+    g_autoptr(GDBusMessage) call = newCall();
+    g_autoptr(GDBusMessage) answer = g_dbus_connection_send_message_with_reply_sync(
+        peer.Get(), call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, 10000, nullptr, nullptr, nullptr);
+    EXPECT_NE(answer, nullptr);
 
     // What the program itself does on that connection keeps them.
     g_dbus_connection_add_filter(peer.Get(), &AnswerWithDescriptors, nullptr, nullptr);
-    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    GUnixFDList* list = nullptr;
-    GVariant* const reply = g_dbus_connection_call_with_unix_fd_list_sync(
+    g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_autoptr(GUnixFDList) list = nullptr;
+    g_autoptr(GVariant) got = g_dbus_connection_call_with_unix_fd_list_sync(
         shared, g_dbus_connection_get_unique_name(peer.Get()), "/o", "other.message", "Get",
         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &list, nullptr, nullptr);
-    ASSERT_TRUE(reply != nullptr && list != nullptr);
+    ASSERT_TRUE(got != nullptr && list != nullptr);
     EXPECT_EQ(g_unix_fd_list_get_length(list), 16);
-    g_object_unref(list);
-    g_variant_unref(reply);
-    g_object_unref(shared);
 }
 
 TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
 {
     g_setenv("ASAN_OPTIONS", "quarantine_size_mb=1", TRUE); // else it keeps what it has freed
-    GSubprocess* const echo =
-        g_subprocess_new(G_SUBPROCESS_FLAGS_STDOUT_SILENCE, nullptr, ECHO_SERVICE, nullptr);
-    const std::string process = g_subprocess_get_identifier(echo);
-    Server proxy("proxy", TCServer::SERVER_TYPE_PROXY);
+    Child echo({ECHO_SERVICE}, G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
+    const std::string process = std::to_string(echo.Process());
     ASSERT_TRUE(proxy.CreateDBusProxy());
     ASSERT_TRUE(proxy.SubscribeSignal("example.echo", "service_start_default", nullptr, nullptr));
     Await([&] { return proxy.IsServiceAvailable("example.echo"); });
-    const auto descriptors = [&] { return OpenDescriptors(process); };
 
     std::atomic<bool> over{false};
     std::atomic<int> answers{0};
     std::thread good([&] {
-        for (TCMessage reply; !over; ++answers) {
-            const TCMessage message = Message("{\"n\":" + std::to_string(answers) + "}", 3);
-            EXPECT_TRUE(proxy.SendMessage("example.echo", &message, true, &reply, 60000));
-            EXPECT_EQ(reply.GetMessage(), message.GetMessage());
+        for (; !over; ++answers) {
+            const TCMessage json = Message("{\"n\":" + std::to_string(answers) + "}", 3);
+            EXPECT_TRUE(proxy.SendMessage("example.echo", &json, true, &reply, 60000));
+            EXPECT_EQ(reply.GetMessage(), json.GetMessage());
         }
     });
     Await([&] { return answers > 0; });
-    const auto openBefore = descriptors();
+    const auto openBefore = OpenDescriptors(process);
     const long memoryBefore = ResidentMemory(process);
     RawPeer peer;
     for (int round = 0; round < 5; ++round) {
@@ -367,8 +366,7 @@ TEST_F(BusTest, IllMeaningPeersNeitherSilenceAServiceNorSwellIt)
     over = true;
     good.join();
     Await([&] { return ResidentMemory(process) < memoryBefore + kMemoryMore; });
-    EXPECT_EQ(descriptors(), openBefore);
-    g_subprocess_send_signal(echo, SIGTERM);
-    EXPECT_TRUE(g_subprocess_wait_check(echo, nullptr, nullptr)); // nor does it leak
-    g_object_unref(echo);
+    EXPECT_EQ(OpenDescriptors(process), openBefore);
+    echo.Signal(SIGTERM);
+    EXPECT_TRUE(echo.EndsWell()); // nor does it leak
 }

@@ -7,7 +7,7 @@ int main()
     bool sent = proxy.CreateDBusProxy();
     Velmora::TCMessage message;
     for (int i = 0; i < 50; ++i) {
-        sent = sent && proxy.SendMessage("my-app", &message, false, nullptr);
+        sent = sent && proxy.SendMessage("app", &message, false, nullptr);
     }
     proxy.CloseDBusProxy();
     return sent ? 0 : 1;
