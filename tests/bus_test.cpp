@@ -351,35 +351,6 @@ TEST_F(BusTest, CloseLosesNothingThatWasSent)
     }
 }
 
-TEST(SignalTable, PrefersTheKeyReplacesAndEmpties)
-{
-    TCServerSignalManager table;
-    constexpr auto kind = TCServerSignalManager::SIGNAL_TYPE_NATIVE;
-    int first = 0, second = 0;
-    table.SubscribeNativeSignal("app.one", "one", nullptr, &first, 1);
-    table.SubscribeNativeSignal("one", "one", nullptr, &first, 2);
-    table.SubscribeNativeSignal("app.one", "one", nullptr, &second, 3);
-    const struct
-    {
-        const char *signal, *key;
-        void* data;
-    } cases[] = {{"one", "app.one", &second}, {"one", "b.one", &first}, {"two", "b.two", nullptr}};
-    for (const auto& c : cases) {
-        TCSignalCallback callback = nullptr;
-        void* data = nullptr;
-        EXPECT_EQ(table.GetHandlerForNativeSignal(c.signal, c.key, callback, data),
-                  c.data != nullptr);
-        EXPECT_EQ(data, c.data);
-    }
-    unsigned int id = 9;
-    EXPECT_FALSE(table.UnsubscribeSignal(kind, "two", id));
-    EXPECT_EQ(id, 9U);
-    std::vector<unsigned int> ids = {7};
-    table.Destroy(ids);
-    EXPECT_EQ(ids, (std::vector<unsigned int>{3, 2}));
-    EXPECT_FALSE(table.IfSignalSubscribed(kind, "one"));
-}
-
 TEST_F(BusTest, MovedCallsThatAreNeverHandledGetTheErrorReply)
 {
     for (const bool serverEnds : {false, true}) {
