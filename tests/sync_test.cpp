@@ -20,6 +20,26 @@ protected:
         idle.Final();
     }
 
+    // Returns once the idle queue has one event more.
+    std::thread Start(std::function<void()> send)
+    {
+        const unsigned int queued = idle.CountEvent();
+        std::thread sender(std::move(send));
+        Await([&] { return idle.CountEvent() > queued; });
+        return sender;
+    }
+    std::thread StartSync()
+    {
+        return Start([this] {
+            TCEvent event = Event(&idle, 7);
+            EXPECT_TRUE(SendSyncEvent(&event));
+        });
+    }
+    std::thread StartPing()
+    {
+        return Start([this] { EXPECT_FALSE(TCEventIO::Ping(&idle, 20000)); });
+    }
+
     Task task{"task"};
     Loop loop;
     Queue idle; // on a loop that runs only when the test says so
@@ -49,24 +69,16 @@ TEST_F(SyncTest, HandlerHasFinishedWithTheCallersOwnEvent)
     ASSERT_TRUE(task.Create("task"));
 }
 
-TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeleted)
+TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeletedOrWithoutPair)
 {
-    TCEvent event = Event(&idle, 7);
-    std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
-    Await([&] { return idle.CountEvent() == 1; });
+    std::thread sender = StartSync();
     EXPECT_EQ(idle.DeleteEvent(nullptr), 1);
-    loop.Drain();
-    sender.join();
-    EXPECT_EQ(idle.seen, "e7 ");
-}
-
-TEST_F(SyncTest, EventWithoutPairIsTold)
-{
-    TCEvent event = Event(&idle, 7);
-    event.sync = true; // queued by pointer, without a sender that waits
+    TCEvent event = Event(&idle, 8);
+    event.sync = true; // without a sender that waits
     EXPECT_TRUE(SendEvent(&event));
     loop.Drain();
-    EXPECT_EQ(idle.seen, "e7 ");
+    sender.join();
+    EXPECT_EQ(idle.seen, "e7 e8 ");
     EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
 }
 
@@ -113,20 +125,13 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
 {
     // By deletion, by a sweep, by Final: the pinger gets its timeout; the synchronous sender goes
     // on at once where its entry is cleared, and its handler has not run.
-    TCEvent event = Event(&idle, 7);
-    bool alive = true;
-    std::thread pinger([&] { alive = TCEventIO::Ping(&idle, 20000); });
-    Await([&] { return idle.CountEvent() == 1; });
+    std::thread pinger = StartPing();
     EXPECT_EQ(idle.DeleteEvent(EVENT_PING, nullptr), 1);
     loop.Drain();
     pinger.join();
-    EXPECT_FALSE(alive);
-
     for (const bool final : {false, true}) {
-        std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
-        Await([&] { return idle.CountEvent() == 1; });
-        pinger = std::thread([&] { alive = TCEventIO::Ping(&idle, 20000); });
-        Await([&] { return idle.CountEvent() == 2; });
+        std::thread sender = StartSync();
+        pinger = StartPing();
         if (final) {
             idle.Final();
         } else {
@@ -135,28 +140,23 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
         }
         sender.join();
         pinger.join();
-        EXPECT_FALSE(alive);
     }
     EXPECT_EQ(idle.seen, "c4 e5 c5 c4 c4 ");
 }
 
 TEST_F(SyncTest, LimitTakesBackAQueuedEventAndWaitsForARunningHandler)
 {
-    TCEvent queued = Event(&idle, 7);
-    std::thread first([&] { EXPECT_TRUE(SendSyncEvent(&queued)); });
-
-    std::atomic<bool> finished{false};
+    std::thread first = StartSync();
+    bool finished = false;
     task.onEvent = [&](const TCEvent& event) {
         if (event.id == 7) {
             g_usleep(21 * G_USEC_PER_SEC); // longer than any sender's limit
             finished = true;
         }
     };
-    {
-        TCEvent running = Event(&task, 7);
-        EXPECT_TRUE(SendSyncEvent(&running));
-        EXPECT_TRUE(finished);
-    }
+    TCEvent running = Event(&task, 7);
+    EXPECT_TRUE(SendSyncEvent(&running));
+    EXPECT_TRUE(finished);
     first.join();
     EXPECT_EQ(idle.CountEvent(), 0U);
     loop.Drain(); // its byte dispatches nothing
