@@ -28,18 +28,6 @@ protected:
         Await([&] { return idle.CountEvent() > queued; });
         return sender;
     }
-    std::thread StartSync()
-    {
-        return Start([this] {
-            TCEvent event = Event(&idle, 7);
-            EXPECT_TRUE(SendSyncEvent(&event));
-        });
-    }
-    std::thread StartPing()
-    {
-        return Start([this] { EXPECT_FALSE(TCEventIO::Ping(&idle, 20000)); });
-    }
-
     Task task{"task"};
     Loop loop;
     Queue idle; // on a loop that runs only when the test says so
@@ -65,15 +53,13 @@ TEST_F(SyncTest, HandlerHasFinishedWithTheCallersOwnEvent)
     task.Destroy();
     EXPECT_EQ(CountLog(kError, ""), 4000);
     EXPECT_EQ(task.seen.find('c'), task.seen.find("c1")); // no OnClear but the exit event's
-    task.onEvent = nullptr;                               // its variables end before the task does
-    ASSERT_TRUE(task.Create("task"));
 }
 
 TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeletedOrWithoutPair)
 {
-    std::thread sender = StartSync();
+    TCEvent waiting = Event(&idle, 7), event = Event(&idle, 8);
+    std::thread sender = Start([&] { EXPECT_TRUE(SendSyncEvent(&waiting)); });
     EXPECT_EQ(idle.DeleteEvent(nullptr), 1);
-    TCEvent event = Event(&idle, 8);
     event.sync = true; // without a sender that waits
     EXPECT_TRUE(SendEvent(&event));
     loop.Drain();
@@ -89,17 +75,15 @@ TEST_F(SyncTest, HandlerThatTouchesThePairStillReleasesItsSender)
     EXPECT_TRUE(SendSyncEvent(&event));
     EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
 
-    Task other("other");
-    ASSERT_TRUE(other.Create("other"));
+    TCScope<Task> other("other");
     task.onEvent = [&](const TCEvent&) {
-        event.receiver = &other;
+        event.receiver = &*other;
         EXPECT_TRUE(SendSyncEvent(&event));
     };
     event.receiver = &task;
     EXPECT_TRUE(SendSyncEvent(&event));
     task.onEvent = nullptr; // the exit event is none of its business
-    other.Destroy();
-    EXPECT_EQ(other.seen, "e7 e1 c1 ");
+    EXPECT_EQ(other->seen, "e7 ");
 }
 
 TEST_F(SyncTest, PingTellsALivingLoopFromAStoppedOne)
@@ -125,13 +109,15 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
 {
     // By deletion, by a sweep, by Final: the pinger gets its timeout; the synchronous sender goes
     // on at once where its entry is cleared, and its handler has not run.
-    std::thread pinger = StartPing();
+    TCEvent event = Event(&idle, 7);
+    const auto ping = [&] { EXPECT_FALSE(TCEventIO::Ping(&idle, 20000)); };
+    std::thread pinger = Start(ping);
     EXPECT_EQ(idle.DeleteEvent(EVENT_PING, nullptr), 1);
     loop.Drain();
     pinger.join();
     for (const bool final : {false, true}) {
-        std::thread sender = StartSync();
-        pinger = StartPing();
+        std::thread sender = Start([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
+        pinger = Start(ping);
         if (final) {
             idle.Final();
         } else {
@@ -146,7 +132,8 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
 
 TEST_F(SyncTest, LimitTakesBackAQueuedEventAndWaitsForARunningHandler)
 {
-    std::thread first = StartSync();
+    TCEvent queued = Event(&idle, 7), running = Event(&task, 7);
+    std::thread first = Start([&] { EXPECT_TRUE(SendSyncEvent(&queued)); });
     bool finished = false;
     task.onEvent = [&](const TCEvent& event) {
         if (event.id == 7) {
@@ -154,7 +141,6 @@ TEST_F(SyncTest, LimitTakesBackAQueuedEventAndWaitsForARunningHandler)
             finished = true;
         }
     };
-    TCEvent running = Event(&task, 7);
     EXPECT_TRUE(SendSyncEvent(&running));
     EXPECT_TRUE(finished);
     first.join();
