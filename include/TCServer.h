@@ -267,6 +267,7 @@ protected:
     // Written under m_ServerMutex while no send is counted, and constant while one is.
     const TCServerType m_ServerType;
     bool m_FlagOpen = false;
+    std::atomic<bool> m_SendsAwaited{false}; ///< somebody waits for sends; under #m_SendsMutex
     const std::string m_ServiceName;
     std::string m_DBusName;
     std::string m_ObjectPath;
@@ -277,7 +278,6 @@ protected:
     GDBusNodeInfo* m_NodeInfo = nullptr; ///< one reference
     TCMutex m_ServerMutex; ///< held by create, close and subscriptions; by a send to be counted
     std::atomic<unsigned int> m_SendingCount{0}; ///< sends between their gate and their end
-    std::atomic<bool> m_SendsAwaited{false};     ///< somebody waits for these; under #m_SendsMutex
     TCServerSignalManager m_SignalManager;
     /// @endcond
 
@@ -306,7 +306,7 @@ private:
                                                  const Internal::Life& life);
     [[gnu::visibility("hidden")]] void m_ExportObject(GDBusConnection* connection,
                                                       const Internal::Life& life);
-    [[gnu::visibility("hidden")]] void m_SendStartSignal();
+    [[gnu::visibility("hidden")]] bool m_SendStartSignal();
     [[gnu::visibility("hidden")]] void m_AwaitSends();
     [[gnu::visibility("hidden")]] void m_ReleaseBus();
     [[gnu::visibility("hidden")]] bool m_SendDirect(TCServer& target, const TCMessage* message,

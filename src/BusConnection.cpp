@@ -215,7 +215,7 @@ void HoldUntilDispatched(GDBusConnection* connection, GMainContext* context)
 {
     const auto letGo = [](void* data) {
         const ConnectionPtr held(static_cast<GDBusConnection*>(data));
-        g_dbus_connection_flush(held.get(), nullptr, nullptr, nullptr); // keeps it meanwhile
+        StartFlush(held.get()); // which keeps it meanwhile
     };
     GSource* const source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT); // GDBus's own, so that it comes behind

@@ -19,6 +19,12 @@ struct LiveServer
 {
     explicit LiveServer(TCServer* owner) : server(owner) {}
 
+    struct Entry
+    {
+        std::weak_ptr<OpenCall> call; // expired while a thread destroys it
+        unsigned int life;
+    };
+
     // Null when it is gone.
     TCServer* server SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
     // Takes no callbacks.
@@ -55,6 +61,11 @@ struct LiveServer
     bool HoldsOtherThread(unsigned int life) const
         SENNET_THREAD_SAFETY(requires_capability(g_SetMutex))
     {
+        for (const auto& [key, entry] : calls) {
+            if (entry.life <= life && entry.call.expired()) {
+                return true;
+            }
+        }
         for (const HookScope* scope = inside; scope != nullptr; scope = scope->m_Next) {
             if (scope->m_Thread != std::this_thread::get_id() && scope->m_Life.number <= life) {
                 return true;
@@ -62,8 +73,9 @@ struct LiveServer
         }
         return false;
     }
-    std::unordered_map<const OpenCall*, std::weak_ptr<OpenCall>>
-        calls SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
+    std::unordered_map<const OpenCall*, Entry> calls SENNET_THREAD_SAFETY(guarded_by(g_SetMutex));
+    // Of these calls.
+    unsigned int unanswered SENNET_THREAD_SAFETY(guarded_by(g_SetMutex)) = 0;
 };
 
 namespace {
@@ -80,13 +92,6 @@ LiveSet& Set()
     // Never destroyed: a server of static storage may be the last one out.
     static auto& set = *new LiveSet;
     return set;
-}
-
-void FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls)
-{
-    for (const auto& call : calls) {
-        call->Fail();
-    }
 }
 
 } // namespace
@@ -106,9 +111,8 @@ LiveServers::Calls LiveServers::AwaitOtherThreads(const Life& life)
         lock.Wait(Set().left);
     }
     Calls calls;
-    for (const auto& [key, weak] : life.server->calls) {
-        auto call = weak.lock();
-        if (call != nullptr && call->GetLife().number <= life.number) {
+    for (const auto& [key, entry] : life.server->calls) {
+        if (auto call = entry.life <= life.number ? entry.call.lock() : nullptr) {
             calls.push_back(std::move(call));
         }
     }
@@ -118,24 +122,27 @@ LiveServers::Calls LiveServers::AwaitOtherThreads(const Life& life)
 void LiveServers::Remove(TCServer* server)
 {
     Life last;
+    ContextPtr context; // released after the lock
     {
         const Lock lock(g_SetMutex);
         const auto found = Set().servers.find(server);
         last = {found->second, found->second->number};
         Set().servers.erase(found);
         last.server->server = nullptr;
+        context = std::move(last.server->context);
     }
-    FailAll(AwaitOtherThreads(last));
+    OpenCall::FailAll(AwaitOtherThreads(last));
 }
 
 Life LiveServers::BeginCreate(TCServer* server)
 {
+    ContextPtr context(g_main_context_ref_thread_default());
     const Lock lock(g_SetMutex);
     const auto& live = Set().servers.at(server);
     if (std::exchange(live->quiet, false)) {
         ++live->number;
     }
-    live->context.reset(g_main_context_ref_thread_default());
+    live->context.swap(context);
     live->named = false;
     return {live, live->number};
 }
@@ -170,7 +177,7 @@ Life LiveServers::End(TCServer* server)
 
 void LiveServers::AwaitEnd(const Life& life)
 {
-    FailAll(AwaitOtherThreads(life));
+    OpenCall::FailAll(AwaitOtherThreads(life));
 }
 
 Life LiveServers::Of(TCServer* server)
@@ -180,25 +187,30 @@ Life LiveServers::Of(TCServer* server)
     return {live, live->number};
 }
 
-ContextPtr LiveServers::ContextOf(TCServer* server)
+ContextPtr LiveServers::TakeContext(TCServer* server)
 {
     const Lock lock(g_SetMutex);
-    GMainContext* const context = Set().servers.at(server)->context.get();
-    return ContextPtr(context != nullptr ? g_main_context_ref(context) : nullptr);
+    return std::move(Set().servers.at(server)->context);
 }
 
 void LiveServers::BeginCall(const Life& life, const std::shared_ptr<OpenCall>& call)
 {
     const Lock lock(g_SetMutex);
-    life.server->calls.emplace(call.get(), call);
+    life.server->calls.emplace(call.get(), LiveServer::Entry{call, life.number});
+    ++life.server->unanswered;
 }
 
-bool LiveServers::EndCall(const Life& life, const OpenCall* call)
+bool LiveServers::NoteAnswer(const Life& life)
 {
     const Lock lock(g_SetMutex);
-    LiveServer& live = *life.server;
-    live.calls.erase(call);
-    return live.calls.empty() && !live.open;
+    return --life.server->unanswered == 0 && !life.server->open;
+}
+
+void LiveServers::EndCall(const Life& life, const OpenCall* call)
+{
+    const Lock lock(g_SetMutex);
+    life.server->calls.erase(call);
+    Set().left.notify_all();
 }
 
 HookScope::HookScope(TCServer* server)

@@ -55,14 +55,17 @@ public:
     static void AwaitEnd(const Life& life);
 
     static Life Of(TCServer* server);
-    // Where the callbacks of its last create run.
-    static ContextPtr ContextOf(TCServer* server);
+    // Where the callbacks of its last create run. No longer held then: what is queued there holds
+    // the life, and would keep an abandoned context for ever.
+    static ContextPtr TakeContext(TCServer* server);
 
-    // Between the two, a call of the life waits for its answer. The end of the life fails it,
-    // unless it is being destroyed.
+    // Between the two, a call of the life is open. The end of the life fails it, or waits for the
+    // thread that is just destroying it.
     static void BeginCall(const Life& life, const std::shared_ptr<OpenCall>& call);
-    // Returns whether it was the last one of a server that has left the bus.
-    static bool EndCall(const Life& life, const OpenCall* call);
+    static void EndCall(const Life& life, const OpenCall* call);
+    // In between it is answered. Returns whether it was the last one of a server that has left the
+    // bus.
+    static bool NoteAnswer(const Life& life);
 
 private:
     using Calls = std::vector<std::shared_ptr<OpenCall>>;

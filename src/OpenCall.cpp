@@ -29,29 +29,48 @@ std::shared_ptr<OpenCall> OpenCall::Begin(const Life& life, GDBusMethodInvocatio
     Invocation unopened(invocation);
     std::shared_ptr<OpenCall> call(new OpenCall(life, unopened));
     LiveServers::BeginCall(life, call);
+    call->m_Invocation = unopened.Release();
     return call;
 }
 
-OpenCall::OpenCall(Life life, Invocation& invocation)
+OpenCall::OpenCall(Life life, const Invocation& invocation)
     : m_Life(std::move(life)), m_Connection(static_cast<GDBusConnection*>(g_object_ref(
-                                   g_dbus_method_invocation_get_connection(invocation.Get())))),
-      m_Invocation(invocation.Release())
+                                   g_dbus_method_invocation_get_connection(invocation.Get()))))
 {}
 
-void OpenCall::Answered()
+OpenCall::~OpenCall()
 {
-    if (LiveServers::EndCall(m_Life, this)) {
-        FlushWithinLimit(m_Connection.get());
+    if (Fail()) {
+        Answered();
     }
 }
 
-void OpenCall::Fail()
+void OpenCall::Answered()
 {
-    if (GDBusMethodInvocation* const unhandled = Take(); unhandled != nullptr) {
-        {
-            const Invocation failed(unhandled);
+    if (LiveServers::NoteAnswer(m_Life)) {
+        FlushWithinLimit(m_Connection.get());
+    }
+    LiveServers::EndCall(m_Life, this);
+}
+
+bool OpenCall::Fail()
+{
+    const Invocation failed(Take());
+    return failed.Get() != nullptr;
+}
+
+void OpenCall::FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls)
+{
+    const OpenCall* last = nullptr;
+    for (const auto& call : calls) {
+        if (call->Fail()) {
+            LiveServers::NoteAnswer(call->m_Life);
+            LiveServers::EndCall(call->m_Life, call.get());
+            last = call.get();
         }
-        Answered();
+    }
+    if (last != nullptr) {
+        FlushWithinLimit(last->m_Connection.get());
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <vector>
 
 #include <gio/gio.h>
 
@@ -37,7 +38,7 @@ class OpenCall
 public:
     // Takes the invocation over, also if it throws.
     static std::shared_ptr<OpenCall> Begin(const Life& life, GDBusMethodInvocation* invocation);
-    ~OpenCall() { Fail(); }
+    ~OpenCall();
     OpenCall(const OpenCall&) = delete;
     OpenCall& operator=(const OpenCall&) = delete;
 
@@ -48,16 +49,18 @@ public:
     GDBusMethodInvocation* Take() { return m_Invocation.exchange(nullptr); }
     void Answered();
 
-    // Gives the error reply if nobody handles the call.
-    void Fail();
+    // Gives the error reply to those that nobody handles, and waits until it has left.
+    static void FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls);
 
 private:
-    OpenCall(Life life, Invocation& invocation);
+    // Returns whether the call has got the error reply.
+    bool Fail();
+    OpenCall(Life life, const Invocation& invocation);
 
     const Life m_Life;
     const ConnectionPtr m_Connection;
     // Taken by the thread that handles the call, or by the one that ends the server.
-    std::atomic<GDBusMethodInvocation*> m_Invocation;
+    std::atomic<GDBusMethodInvocation*> m_Invocation{nullptr};
 };
 
 } // namespace Velmora::Internal

@@ -399,6 +399,7 @@ void TCServer::CloseDBusServer()
 
 void TCServer::m_ReleaseBus()
 {
+    const ContextPtr context = LiveServers::TakeContext(this);
     const ConnectionPtr held(m_Connection.exchange(nullptr));
     GDBusConnection* const connection = held.get();
     std::vector<unsigned int> subscriptions;
@@ -411,7 +412,7 @@ void TCServer::m_ReleaseBus()
     }
     if (m_RegistrationId != 0) {
         g_dbus_connection_unregister_object(connection, std::exchange(m_RegistrationId, 0));
-        HoldUntilDispatched(connection, LiveServers::ContextOf(this).get());
+        HoldUntilDispatched(connection, context.get());
     }
     if (m_NodeInfo != nullptr) {
         g_dbus_node_info_unref(std::exchange(m_NodeInfo, nullptr));

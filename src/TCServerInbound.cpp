@@ -54,9 +54,14 @@ public:
 
     static void HandleNow(TCServer& server, OpenCall& call, Arrived& arrived)
     {
+        struct Answered
+        {
+            ~Answered() { m_Call.Answered(); } // also if the hook throws
+            OpenCall& m_Call;
+        };
         if (GDBusMethodInvocation* const invocation = call.Take(); invocation != nullptr) {
+            const Answered answered{call};
             server.m_HandleMsg(arrived.from.release(), arrived.message.release(), invocation);
-            call.Answered();
         }
     }
 

@@ -27,10 +27,13 @@ protected:
     }
     static bool Run(void* data) { return static_cast<AlarmTest*>(data)->onAlarm(); }
 
-    bool Runs() { return g_main_context_find_source_by_user_data(loop.Context(), &alarm); }
+    static bool RunsOn(GMainContext* context, TCAlarm& of)
+    {
+        return g_main_context_find_source_by_user_data(context, &of) != nullptr;
+    }
     void UntilOver()
     {
-        while (Runs()) {
+        while (RunsOn(loop.Context(), alarm)) {
             g_main_context_iteration(loop.Context(), TRUE);
         }
     }
@@ -64,7 +67,7 @@ TEST_F(AlarmTest, RunsAsOftenAsAsked)
     EXPECT_FALSE(alarm.SetAlarmCallback(nullptr, this));
     EXPECT_FALSE(alarm.Reset(1, 1));
     EXPECT_TRUE(alarm.SetAlarmCallback(&Run, this));
-    EXPECT_FALSE(Runs());
+    EXPECT_FALSE(RunsOn(loop.Context(), alarm));
     const struct
     {
         unsigned long interval, count, runs;
@@ -72,7 +75,7 @@ TEST_F(AlarmTest, RunsAsOftenAsAsked)
     for (const auto& c : cases) {
         runs = 0;
         EXPECT_TRUE(alarm.Reset(1000000, 9)); // running, and replaced
-        EXPECT_TRUE(Runs());
+        EXPECT_TRUE(RunsOn(loop.Context(), alarm));
         EXPECT_TRUE(alarm.Reset(c.interval, c.count));
         UntilOver();
         EXPECT_EQ(runs, c.runs) << c.interval << " " << c.count;
@@ -108,9 +111,6 @@ TEST_F(AlarmTest, CallbackMayStopAndRestartItsOwnAlarm)
 TEST_F(AlarmTest, HoldsItsLoopOverTheEndOfTheTask)
 {
     TCAlarm orphan, unbound;
-    const auto onDefault = [](TCAlarm& of) {
-        return g_main_context_find_source_by_user_data(nullptr, &of) != nullptr;
-    };
     Task task("task");
     unbound.Create(&task, 1000000, 1); // not set up: the default context
     for (int round = 0; round < 2; ++round) {
@@ -123,7 +123,7 @@ TEST_F(AlarmTest, HoldsItsLoopOverTheEndOfTheTask)
         EXPECT_FALSE(orphan.Reset(1, 1));
         orphan.Create(nullptr, 1, kForEver); // still that loop
         EXPECT_TRUE(orphan.SetAlarmCallback(&Run, this));
-        EXPECT_FALSE(onDefault(orphan));
+        EXPECT_FALSE(RunsOn(nullptr, orphan));
         orphan.Destroy();
     }
     ASSERT_TRUE(task.Create("task")); // another loop of the same task
@@ -134,13 +134,13 @@ TEST_F(AlarmTest, HoldsItsLoopOverTheEndOfTheTask)
     task.Destroy();
     orphan.Destroy();
     EXPECT_EQ(runs, 0U);
-    EXPECT_TRUE(onDefault(unbound));
+    EXPECT_TRUE(RunsOn(nullptr, unbound));
     orphan.Create(&task, 1000000, 1); // takes the place of the loop
     orphan.SetAlarmCallback(&Run, this);
-    EXPECT_TRUE(onDefault(orphan));
+    EXPECT_TRUE(RunsOn(nullptr, orphan));
     orphan.Destroy();
     unbound.Destroy();
-    EXPECT_FALSE(onDefault(unbound));
+    EXPECT_FALSE(RunsOn(nullptr, unbound));
 }
 
 TEST_F(AlarmTest, TakesTheLoopOfATaskThatIsJustEnding)
@@ -166,25 +166,13 @@ TEST_F(AlarmTest, TakesTheLoopOfATaskThatIsJustEnding)
 TEST_F(AlarmTest, NeverRunsAfterDestroyOnAnotherThread)
 {
     TCScope<Task> task("task");
-    std::promise<void> begun;
-    bool over = false;
-    onAlarm = [&] {
-        begun.set_value();
-        g_usleep(20000);
-        over = true;
-        return false;
-    };
-    alarm.Create(&*task, 1, kForEver);
-    alarm.SetAlarmCallback(&Run, this);
-    begun.get_future().wait();
-    alarm.Destroy(); // waits for the callback
-    EXPECT_TRUE(over);
-
     std::atomic<GThread*> thread{nullptr};
     auto target = std::make_unique<int>(0); // freed after the stop, used by the callback
     onAlarm = [&] {
+        if (thread.exchange(g_thread_self()) == nullptr) {
+            g_usleep(20000); // which the stop waits for
+        }
         ++*target;
-        thread = g_thread_self();
         return true;
     };
     for (const bool replaced : {false, true, false, true}) {

@@ -22,37 +22,41 @@ protected:
     {
         ForgetLog();
         ASSERT_TRUE(queue.Init(loop.Get()));
+        other.m_EventIO = &queue;
     }
     void TearDown() override { queue.Final(); }
 
+    static unsigned int Fill(Queue& filled)
+    {
+        unsigned int accepted = 0;
+        while (Send(&filled, 7)) {
+            ++accepted;
+        }
+        return accepted;
+    }
+    // One callback without GLib around it, which no exception may pass.
+    void Dispatch()
+    {
+        const std::unique_ptr<GIOChannel, decltype(&g_io_channel_unref)> channel(
+            g_io_channel_unix_new(queue.m_PipeFileDes[0]), &g_io_channel_unref);
+        g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
+        g_io_channel_set_buffered(channel.get(), FALSE);
+        Queue::m_InterIOWatch(channel.get(), G_IO_IN, &queue);
+    }
+    std::thread SendSyncElsewhere()
+    {
+        const unsigned int queued = queue.CountEvent();
+        std::thread sender([this] {
+            TCEvent event = Event(&queue, 8);
+            EXPECT_TRUE(SendSyncEvent(&event));
+        });
+        Await([&] { return queue.CountEvent() > queued; });
+        return sender;
+    }
+
     Loop loop;
     Queue queue;
-};
-
-// Another thread that holds a mutex.
-class LockHolder
-{
-public:
-    void Hold(TCMutex& mutex)
-    {
-        std::promise<void> held;
-        m_Thread = std::thread([this, &mutex, &held] {
-            mutex.Lock();
-            held.set_value();
-            m_Release.get_future().wait();
-            mutex.Unlock();
-        });
-        held.get_future().wait();
-    }
-    void Release()
-    {
-        m_Release.set_value();
-        m_Thread.join();
-    }
-
-private:
-    std::promise<void> m_Release;
-    std::thread m_Thread;
+    Noting<TCHandler> other; // whose events that queue takes
 };
 
 bool IsHeld(TCMutex& mutex)
@@ -66,11 +70,6 @@ bool IsHeld(TCMutex& mutex)
         .get();
 }
 
-std::function<void()>* Callable(std::function<void()> function)
-{
-    return new std::function<void()>(std::move(function));
-}
-
 } // namespace
 
 TEST(ClosedQueue, RefusesEverySend)
@@ -81,17 +80,15 @@ TEST(ClosedQueue, RefusesEverySend)
     for (int round = 0; round < 2; ++round) { // before Init and after Final
         for (const auto send : kSends) {
             ForgetLog();
-            TCEvent event = Event(&queue, 7);
-            EXPECT_FALSE(send(&event));
+            for (TCHandler* receiver : std::initializer_list<TCHandler*>{&queue, &stray, nullptr}) {
+                TCEvent event = Event(receiver, 7);
+                EXPECT_FALSE(send(&event));
+            }
+            EXPECT_FALSE(send(nullptr));
             EXPECT_EQ(CountLog(kError, "event io queue has destroyed!"), 1);
             EXPECT_EQ(CountLog(kError, "SendSyncEvent fails!"), send == &TCEventIO::SendSyncEvent);
-            event.receiver = &stray;
-            EXPECT_FALSE(send(&event));
             EXPECT_EQ(CountLog(kError, "receiver has no event io"), 1);
-            event.receiver = nullptr;
-            EXPECT_FALSE(send(&event));
             EXPECT_EQ(CountLog(kError, "receiver is NULL"), 1);
-            EXPECT_FALSE(send(nullptr));
             EXPECT_EQ(CountLog(kWarning, "event is null"), 1);
         }
         EXPECT_EQ(queue.CountEvent(), 0U);
@@ -110,7 +107,7 @@ TEST(QueueLifecycle, LeaksNoDescriptorWhateverFails)
     const auto before = OpenDescriptors();
     {
         Loop loop;
-        Queue queue, left, closed;
+        Queue queue, closed;
         queue.initResult = false;
         ForgetLog();
         EXPECT_FALSE(queue.Init(loop.Get()));
@@ -148,10 +145,7 @@ TEST(QueueLifecycle, LeaksNoDescriptorWhateverFails)
             EXPECT_GT(end, STDERR_FILENO);
             EXPECT_EQ(fcntl(end, F_GETFD), FD_CLOEXEC);
         }
-
-        left.initResult = false; // this one and the others are destructed as they are
-        EXPECT_FALSE(left.Init(loop.Get()));
-    }
+    } // which destructs that one as it is
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
@@ -167,23 +161,12 @@ TEST_F(QueueTest, UrgentEventsOvertakeAndTheSenderKeepsItsEvent)
     }
     event.data.SetMessage("changed");
     EXPECT_EQ(queue.CountEvent(), 5U);
+    loop.Step();
+    EXPECT_EQ(texts, "V"); // one in each callback
     loop.Drain();
     EXPECT_EQ(texts, "VUABC");
     EXPECT_EQ(queue.seen, "e0 c0 e0 c0 e0 c0 e0 c0 e0 c0 ");
     EXPECT_EQ(queue.CountEvent(), 0U);
-}
-
-TEST_F(QueueTest, OneEntryIsDispatchedInEachCallback)
-{
-    Noting<TCHandler> other;
-    other.m_EventIO = &queue;
-    queue.onEvent = [&](const TCEvent& event) { event.id == 7 && Send(&other, 8); };
-    EXPECT_TRUE(Send(&queue, 7));
-    loop.Step();
-    EXPECT_EQ(queue.seen, "e7 c7 ");
-    EXPECT_EQ(other.seen, "");
-    loop.Drain();
-    EXPECT_EQ(other.seen, "e8 c8 ");
 }
 
 TEST_F(QueueTest, NestedLoopLeavesTheQueuesNextEventToTheOuterOne)
@@ -239,30 +222,9 @@ TEST_F(QueueTest, NestedLoopLeavesTheQueuesNextEventToTheOuterOne)
     }
 }
 
-TEST_F(QueueTest, ThrowingHandlerOfANestedLoopLeavesTheWatchInPlace)
-{
-    queue.onEvent = [&](const TCEvent& event) {
-        loop.Drain();
-        if (event.id == 7) {
-            throw std::runtime_error("client");
-        }
-    };
-    GIOChannel* const channel = g_io_channel_unix_new(queue.m_PipeFileDes[0]);
-    g_io_channel_set_encoding(channel, nullptr, nullptr);
-    g_io_channel_set_buffered(channel, FALSE);
-    Send(&queue, 7);
-    Send(&queue, 8);
-    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
-    g_io_channel_unref(channel);
-    loop.Drain();
-    EXPECT_EQ(queue.seen, "e7 c7 e8 c8 ");
-}
-
 TEST_F(QueueTest, NothingIsDispatchedBehindTheEndOfTheLoop)
 {
-    Noting<TCHandler> keeping; // does not pass the event on
-    keeping.m_EventIO = &queue;
-    Send(&keeping, EVENT_EXIT_TASK);
+    Send(&other, EVENT_EXIT_TASK); // which does not pass the event on
     Send(&queue, EVENT_EXIT_TASK);
     Send(&queue, 7);
     g_main_loop_run(loop.Get());
@@ -285,7 +247,7 @@ TEST_F(QueueTest, ForkedChildLeavesItsParentsPipeAlone)
         if (child == 0) {
             int sent = 0;
             while (raw ? sent < 8192 && write(queue.m_PipeFileDes[1], "O", 1) == 1
-                       : sent < 70000 && Send(&queue, 8)) {
+                       : Send(&queue, 8)) {
                 ++sent;
             }
             loop.Step();
@@ -297,8 +259,7 @@ TEST_F(QueueTest, ForkedChildLeavesItsParentsPipeAlone)
         loop.Drain();
         EXPECT_EQ(std::exchange(queue.seen, ""), "e7 c7 ");
     }
-    while (Send(&queue, 7)) { // would wait for ever if bytes were counted that are not there
-    }
+    Fill(queue); // would wait for ever if bytes were counted that are not there
     EXPECT_EQ(CountLog(kError, "event io queue is full!"), 1);
 }
 
@@ -347,20 +308,6 @@ TEST(SignalTable, MayBeAskedByTheLog)
     EXPECT_EQ(id, 7U);
 }
 
-TEST_F(QueueTest, BusyLockOnlyDelaysTheDispatch)
-{
-    EXPECT_TRUE(Send(&queue, 7));
-    LockHolder holder;
-    holder.Hold(queue.m_QueueMutex);
-    loop.Step();
-    loop.Step();
-    EXPECT_EQ(CountLog(kError, "Try lock mutex fail!"), 2);
-    EXPECT_EQ(queue.seen, "");
-    holder.Release();
-    loop.Drain();
-    EXPECT_EQ(queue.seen, "e7 c7 ");
-}
-
 TEST_F(QueueTest, FullPipeRefusesWithoutWaitingAndLosesNothing)
 {
     for (const int size : {4096, 8192, 65536}) {
@@ -370,19 +317,14 @@ TEST_F(QueueTest, FullPipeRefusesWithoutWaitingAndLosesNothing)
             ASSERT_TRUE(tight.Init(loop.Get()));
             ASSERT_EQ(fcntl(tight.m_PipeFileDes[1], F_SETPIPE_SZ, size), size);
             ForgetLog();
-            unsigned int accepted = 0, dispatched = 0;
+            unsigned int dispatched = 0;
             tight.onEvent = [&](const TCEvent&) { ++dispatched; };
-            const auto fill = [&] {
-                while (Send(&tight, 7)) {
-                    ++accepted;
-                }
-            };
-            fill();
+            unsigned int accepted = Fill(tight);
             EXPECT_GE(accepted, size == 65536 ? 60000U : 4096U);
             for (unsigned int i = 0; i < dispatchedFirst; ++i) {
                 loop.Step();
             }
-            fill();
+            accepted += Fill(tight);
             EXPECT_FALSE(SendUrgent(&tight, 7));
             EXPECT_EQ(CountLog(kError, "event io queue is full!"), 3);
             EXPECT_EQ(fcntl(tight.m_PipeFileDes[1], F_GETFL) & O_NONBLOCK, 0);
@@ -403,15 +345,12 @@ TEST_F(QueueTest, PipeThatIsShrunkUnderWayStillRefusesWithoutWaiting)
         loop.Step();
     }
     ASSERT_EQ(fcntl(queue.m_PipeFileDes[1], F_SETPIPE_SZ, 4096), 4096);
-    while (Send(&queue, 7)) {
-    }
+    Fill(queue);
     EXPECT_EQ(CountLog(kError, "event io queue is full!"), 1);
 }
 
 TEST_F(QueueTest, DeletedEntriesSkipTheirHandlerOnly)
 {
-    Noting<TCHandler> other;
-    other.m_EventIO = &queue;
     EXPECT_EQ(queue.DeleteEvent(&other), 0);
     Send(&other, 7);
     Send(&other, 8);
@@ -431,92 +370,78 @@ TEST_F(QueueTest, CallablesAndMessagesAreReleasedHoweverTheyEnd)
 {
     const auto token = std::make_shared<int>(0);
     const auto count = [token] { ++*token; };
-    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // runs
-    Send(&queue, EVENT_TRANSFER_MESSAGE, new TCMessage);
-    Send(&queue, EVENT_EXECUTE_FUNCTION);
-    Send(&queue, EVENT_TRANSFER_MESSAGE);
-    loop.Drain();
-    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // deleted
-    queue.DeleteEvent(EVENT_EXECUTE_FUNCTION, nullptr);
-    loop.Drain();
-    Send(&queue, EVENT_CLEAR_QUEUE);
-    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // swept
-    loop.Drain();
-    Send(&queue, EVENT_EXECUTE_FUNCTION, Callable(count)); // finalised
-    Send(&queue, EVENT_TRANSFER_MESSAGE, new TCMessage);
-    queue.Final();
+    const std::function<void()> ends[] = {
+        [] {}, // it runs
+        [&] { queue.DeleteEvent(nullptr); },
+        [&] { SendUrgent(&queue, EVENT_CLEAR_QUEUE); },
+        [&] { queue.Final(); },
+    };
+    for (const auto& end : ends) {
+        Send(&queue, EVENT_EXECUTE_FUNCTION, new std::function<void()>(count));
+        Send(&queue, EVENT_EXECUTE_FUNCTION);
+        Send(&queue, EVENT_TRANSFER_MESSAGE, new TCMessage);
+        Send(&queue, EVENT_TRANSFER_MESSAGE);
+        end();
+        loop.Drain();
+    }
     EXPECT_EQ(*token, 1);
     EXPECT_EQ(token.use_count(), 2); // this test's two
     EXPECT_EQ(CountLog(kInfo, "execute function in this event io"), 2);
     EXPECT_EQ(CountLog(kInfo, "transfer async internal event to sync message call"), 2);
-    EXPECT_EQ(CountLog(kInfo, "clear message memory"), 8);
+    EXPECT_EQ(CountLog(kInfo, "clear message memory"), 16);
 }
 
-TEST_F(QueueTest, SweepClearsWhatIsQueuedUnlessTheLockIsBusy)
+TEST_F(QueueTest, SweepClearsWhatIsQueuedAndABusyLockOnlyDelays)
 {
-    for (const unsigned long id : {EVENT_CLEAR_QUEUE, 7UL, 8UL}) {
-        Send(&queue, id);
-    }
-    loop.Step();
-    EXPECT_EQ(queue.seen, "e5 c5 c7 c8 ");
-    EXPECT_EQ(queue.CountEvent(), 0U);
-    Send(&queue, 9);
-    loop.Drain(); // the two bytes left over dispatch nothing twice
-    EXPECT_EQ(queue.seen, "e5 c5 c7 c8 e9 c9 ");
-
-    queue.seen.clear();
-    for (const unsigned long id : {EVENT_CLEAR_QUEUE, 7UL, 8UL}) {
-        Send(&queue, id);
-    }
-    LockHolder holder;
-    queue.onClear = [&](const TCEvent& event) {
-        if (event.id == EVENT_CLEAR_QUEUE) {
-            holder.Hold(queue.m_QueueMutex);
+    TCScope<TCTask> holder("holder");
+    for (const bool busy : {false, true}) {
+        queue.seen.clear();
+        queue.onClear = [&](const TCEvent& event) {
+            if (busy && event.id == EVENT_CLEAR_QUEUE) {
+                RunAndWait(&*holder, [&] { queue.m_QueueMutex.Lock(); });
+            }
+        };
+        for (const unsigned long id : {EVENT_CLEAR_QUEUE, 7UL, 8UL}) {
+            Send(&queue, id);
         }
-    };
-    loop.Step();
-    EXPECT_EQ(queue.seen, "e5 c5 ");
-    holder.Release();
-    loop.Drain();
-    EXPECT_EQ(queue.seen, "e5 c5 e7 c7 e8 c8 ");
+        loop.Step();
+        loop.Step();
+        EXPECT_EQ(CountLog(kError, "Try lock mutex fail!"), busy);
+        EXPECT_EQ(queue.seen, busy ? "e5 c5 " : "e5 c5 c7 c8 ");
+        EXPECT_EQ(queue.CountEvent(), busy ? 2U : 0U);
+        RunAndWait(&*holder, [&] { queue.m_QueueMutex.Unlock(); });
+        Send(&queue, 9);
+        loop.Drain(); // the bytes that a sweep leaves over dispatch nothing twice
+        EXPECT_EQ(queue.seen, busy ? "e5 c5 e7 c7 e8 c8 e9 c9 " : "e5 c5 c7 c8 e9 c9 ");
+    }
 }
 
-TEST_F(QueueTest, FinalClearsEntriesThatClearingAddsAndInitRevives)
+TEST_F(QueueTest, FinalClearsEntriesThatClearingAdds)
 {
     queue.onClear = [&](const TCEvent& event) { event.id < 9 && Send(&queue, event.id + 1); };
     Send(&queue, 7);
     Send(&queue, EVENT_CLEAR_QUEUE);
     queue.Final();
     EXPECT_EQ(queue.seen, "c7 c5 c8 c6 c9 c7 c8 c9 ");
-    queue.onClear = nullptr;
-    queue.seen.clear();
-    EXPECT_TRUE(queue.Init(loop.Get()));
-    Send(&queue, 7);
-    loop.Drain();
-    EXPECT_EQ(queue.seen, "e7 c7 ");
 }
 
 TEST_F(QueueTest, ThrowingClientLeavesNoLockAndNoEventBehind)
 {
-    const auto fail = [](const TCEvent&) { throw std::runtime_error("client"); };
-    GIOChannel* const channel = g_io_channel_unix_new(queue.m_PipeFileDes[0]);
-    g_io_channel_set_encoding(channel, nullptr, nullptr);
+    const auto fail = [&](const TCEvent&) {
+        loop.Drain(); // a nested loop
+        throw std::runtime_error("client");
+    };
     queue.onEvent = fail;
     Send(&queue, 7);
-    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
-    EXPECT_EQ(queue.seen, "e7 c7 ");
-    bool returned = false;
-    std::thread sender([&] {
-        TCEvent event = Event(&queue, 8);
-        returned = SendSyncEvent(&event);
-    });
-    Await([&] { return queue.CountEvent() == 1; });
-    EXPECT_THROW(Queue::m_InterIOWatch(channel, G_IO_IN, &queue), std::runtime_error);
+    std::thread sender = SendSyncElsewhere();
+    EXPECT_THROW(Dispatch(), std::runtime_error);
+    EXPECT_THROW(Dispatch(), std::runtime_error);
     sender.join();
-    EXPECT_TRUE(returned);
-    g_io_channel_unref(channel);
-
     queue.onEvent = nullptr;
+    Send(&queue, 9);
+    loop.Drain(); // the watch is in place
+    EXPECT_EQ(queue.seen, "e7 c7 e8 e9 c9 ");
+
     queue.onClear = fail;
     Send(&queue, 9);
     EXPECT_THROW(queue.Final(), std::runtime_error);
@@ -527,8 +452,7 @@ TEST_F(QueueTest, ThrowingClientLeavesNoLockAndNoEventBehind)
 TEST_F(QueueTest, FailedWriteQueuesNothing)
 {
     const int kept = dup(queue.m_PipeFileDes[1]);
-    const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    dup2(unwritable, queue.m_PipeFileDes[1]);
+    dup2(queue.m_PipeFileDes[0], queue.m_PipeFileDes[1]); // which cannot be written
     OnLog([&](const std::string&) { EXPECT_FALSE(IsHeld(queue.m_QueueMutex)); });
     EXPECT_FALSE(Send(&queue, 7));
     OnLog(nullptr);
@@ -536,7 +460,6 @@ TEST_F(QueueTest, FailedWriteQueuesNothing)
     EXPECT_EQ(queue.CountEvent(), 0U);
     dup2(kept, queue.m_PipeFileDes[1]);
     close(kept);
-    close(unwritable);
     EXPECT_TRUE(Send(&queue, 8));
     loop.Drain();
     EXPECT_EQ(queue.seen, "e8 c8 ");
@@ -548,11 +471,7 @@ TEST_F(QueueTest, FailedReadEndsTheDispatchButNotTheSender)
     const int unreadable = open("/", O_RDONLY | O_CLOEXEC);
     dup2(unreadable, queue.m_PipeFileDes[0]);
     close(unreadable);
-    std::thread sender([&] {
-        TCEvent event = Event(&queue, 7);
-        EXPECT_TRUE(SendSyncEvent(&event));
-    });
-    Await([&] { return queue.CountEvent() == 1; });
+    std::thread sender = SendSyncElsewhere();
     loop.Drain();
     EXPECT_EQ(CountLog(kError, "Read char from pipe fail,*"), 1);
     EXPECT_TRUE(Send(&queue, 8));

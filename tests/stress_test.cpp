@@ -9,9 +9,7 @@ using namespace Velmora;
 
 namespace {
 
-constexpr unsigned long kTracked = 100;
-constexpr unsigned long kCrossing = 101;
-constexpr unsigned long kSync = 102;
+constexpr unsigned long kSync = 100, kTracked = 101, kCrossing = 102;
 
 class Peer : public TCTask
 {
@@ -21,17 +19,15 @@ public:
     Peer* other = nullptr;
     std::atomic<int> accepted{0}, cleared{0}, handled{0};
 
-    bool Track(unsigned long id, bool urgent)
+    void Track(unsigned long id, bool urgent)
     {
-        auto token = std::make_unique<int>(); // a second OnClear frees it twice, none leaks it
+        auto token = std::make_unique<int>(); // a second OnClear uses it after its end
         TCEvent event = Event(this, id, token.get());
         event.data.m_Json["n"] = 1;
-        if (!(urgent ? ::Velmora::SendUrgentEvent(&event) : ::Velmora::SendEvent(&event))) {
-            return false;
+        if (urgent ? SendUrgentEvent(&event) : SendEvent(&event)) {
+            static_cast<void>(token.release());
+            ++accepted;
         }
-        static_cast<void>(token.release());
-        ++accepted;
-        return true;
     }
 
 protected:
@@ -59,37 +55,34 @@ TEST(Stress, EveryAcceptedEventIsClearedExactlyOnce)
 {
     for (int round = 0; round < 3; ++round) {
         Peer peers[2];
-        peers[0].other = &peers[1];
-        peers[1].other = &peers[0];
-        ASSERT_TRUE(peers[0].Create("peer", true));
-        ASSERT_TRUE(peers[1].Create("peer", true));
-        constexpr int kRounds = 2000;
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 3; ++t) {
-            threads.emplace_back([&peers, t] {
-                for (int i = 0; i < kRounds; ++i) {
-                    peers[(i + t) % 2].Track(i % 3 == 0 ? kCrossing : kTracked, i % 7 == 0);
-                }
-            });
+        for (const int i : {0, 1}) {
+            peers[i].other = &peers[1 - i];
+            ASSERT_TRUE(peers[i].Create("peer"));
         }
-        threads.emplace_back([&peers] {
+        constexpr int kRounds = 2000;
+        const auto track = [&peers](int first) {
+            for (int i = 0; i < kRounds; ++i) {
+                peers[(i + first) % 2].Track(i % 3 == 0 ? kCrossing : kTracked, i % 7 == 0);
+            }
+        };
+        const auto wait = [&peers] {
             for (int i = 0; i < kRounds / 10; ++i) {
                 TCEvent event = Event(&peers[i % 2], kSync);
                 EXPECT_TRUE(SendSyncEvent(&event) || i % 2 == 1);
                 TCEventIO::Ping(&peers[i % 2], 0);
             }
-        });
-        threads.emplace_back([&peers] {
+        };
+        const auto clear = [&peers] {
             for (int i = 0; i < kRounds / 10; ++i) {
                 peers[i % 2].DeleteEvent(kTracked, nullptr);
                 SendUrgent(&peers[i % 2], EVENT_CLEAR_QUEUE);
                 peers[i % 2].CountEvent();
             }
-        });
-        threads.emplace_back([&peers] { // ends one of them in the middle of it
-            Await([&peers] { return peers[1].accepted > kRounds / 4; });
-            peers[1].Destroy();
-        });
+        };
+        std::thread threads[] = {std::thread(track, 0), std::thread(track, 1),
+                                 std::thread(track, 2), std::thread(wait), std::thread(clear)};
+        Await([&peers] { return peers[1].accepted > kRounds / 4; });
+        peers[1].Destroy(); // in the middle of it
         for (auto& thread : threads) {
             thread.join();
         }

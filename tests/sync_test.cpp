@@ -20,6 +20,14 @@ protected:
         idle.Final();
     }
 
+    // Returns once the idle queue has one event more.
+    std::thread Start(std::function<void()> send)
+    {
+        const unsigned int queued = idle.CountEvent();
+        std::thread sender(std::move(send));
+        Await([&] { return idle.CountEvent() > queued; });
+        return sender;
+    }
     Task task{"task"};
     Loop loop;
     Queue idle; // on a loop that runs only when the test says so
@@ -45,28 +53,18 @@ TEST_F(SyncTest, HandlerHasFinishedWithTheCallersOwnEvent)
     task.Destroy();
     EXPECT_EQ(CountLog(kError, ""), 4000);
     EXPECT_EQ(task.seen.find('c'), task.seen.find("c1")); // no OnClear but the exit event's
-    task.onEvent = nullptr;                               // its variables end before the task does
-    ASSERT_TRUE(task.Create("task"));
 }
 
-TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeleted)
+TEST_F(SyncTest, EntryQueuedByPointerIsDeliveredThoughDeletedOrWithoutPair)
 {
-    TCEvent event = Event(&idle, 7);
-    std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
-    Await([&] { return idle.CountEvent() == 1; });
+    TCEvent waiting = Event(&idle, 7), event = Event(&idle, 8);
+    std::thread sender = Start([&] { EXPECT_TRUE(SendSyncEvent(&waiting)); });
     EXPECT_EQ(idle.DeleteEvent(nullptr), 1);
-    loop.Drain();
-    sender.join();
-    EXPECT_EQ(idle.seen, "e7 ");
-}
-
-TEST_F(SyncTest, EventWithoutPairIsTold)
-{
-    TCEvent event = Event(&idle, 7);
-    event.sync = true; // queued by pointer, without a sender that waits
+    event.sync = true; // without a sender that waits
     EXPECT_TRUE(SendEvent(&event));
     loop.Drain();
-    EXPECT_EQ(idle.seen, "e7 ");
+    sender.join();
+    EXPECT_EQ(idle.seen, "e7 e8 ");
     EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
 }
 
@@ -77,17 +75,15 @@ TEST_F(SyncTest, HandlerThatTouchesThePairStillReleasesItsSender)
     EXPECT_TRUE(SendSyncEvent(&event));
     EXPECT_EQ(CountLog(kError, "param.p should not be NULL!"), 1);
 
-    Task other("other");
-    ASSERT_TRUE(other.Create("other"));
+    TCScope<Task> other("other");
     task.onEvent = [&](const TCEvent&) {
-        event.receiver = &other;
+        event.receiver = &*other;
         EXPECT_TRUE(SendSyncEvent(&event));
     };
     event.receiver = &task;
     EXPECT_TRUE(SendSyncEvent(&event));
     task.onEvent = nullptr; // the exit event is none of its business
-    other.Destroy();
-    EXPECT_EQ(other.seen, "e7 e1 c1 ");
+    EXPECT_EQ(other->seen, "e7 ");
 }
 
 TEST_F(SyncTest, PingTellsALivingLoopFromAStoppedOne)
@@ -114,19 +110,14 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
     // By deletion, by a sweep, by Final: the pinger gets its timeout; the synchronous sender goes
     // on at once where its entry is cleared, and its handler has not run.
     TCEvent event = Event(&idle, 7);
-    bool alive = true;
-    std::thread pinger([&] { alive = TCEventIO::Ping(&idle, 20000); });
-    Await([&] { return idle.CountEvent() == 1; });
+    const auto ping = [&] { EXPECT_FALSE(TCEventIO::Ping(&idle, 20000)); };
+    std::thread pinger = Start(ping);
     EXPECT_EQ(idle.DeleteEvent(EVENT_PING, nullptr), 1);
     loop.Drain();
     pinger.join();
-    EXPECT_FALSE(alive);
-
     for (const bool final : {false, true}) {
-        std::thread sender([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
-        Await([&] { return idle.CountEvent() == 1; });
-        pinger = std::thread([&] { alive = TCEventIO::Ping(&idle, 20000); });
-        Await([&] { return idle.CountEvent() == 2; });
+        std::thread sender = Start([&] { EXPECT_TRUE(SendSyncEvent(&event)); });
+        pinger = Start(ping);
         if (final) {
             idle.Final();
         } else {
@@ -135,28 +126,23 @@ TEST_F(SyncTest, ClearedEntriesReleaseTheirSenders)
         }
         sender.join();
         pinger.join();
-        EXPECT_FALSE(alive);
     }
     EXPECT_EQ(idle.seen, "c4 e5 c5 c4 c4 ");
 }
 
 TEST_F(SyncTest, LimitTakesBackAQueuedEventAndWaitsForARunningHandler)
 {
-    TCEvent queued = Event(&idle, 7);
-    std::thread first([&] { EXPECT_TRUE(SendSyncEvent(&queued)); });
-
-    std::atomic<bool> finished{false};
+    TCEvent queued = Event(&idle, 7), running = Event(&task, 7);
+    std::thread first = Start([&] { EXPECT_TRUE(SendSyncEvent(&queued)); });
+    bool finished = false;
     task.onEvent = [&](const TCEvent& event) {
         if (event.id == 7) {
             g_usleep(21 * G_USEC_PER_SEC); // longer than any sender's limit
             finished = true;
         }
     };
-    {
-        TCEvent running = Event(&task, 7);
-        EXPECT_TRUE(SendSyncEvent(&running));
-        EXPECT_TRUE(finished);
-    }
+    EXPECT_TRUE(SendSyncEvent(&running));
+    EXPECT_TRUE(finished);
     first.join();
     EXPECT_EQ(idle.CountEvent(), 0U);
     loop.Drain(); // its byte dispatches nothing

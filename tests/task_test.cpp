@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <map>
 
 #include "Harness.h"
 
@@ -13,98 +14,84 @@ using namespace Velmora;
 namespace {
 
 std::atomic<bool> g_NoThreads{false};
-std::atomic<int> g_Attached{0}; // sources
 
-class IO : public TCIOBase
-{
-public:
-    IO(std::string& journal, std::string name) : m_Journal(journal), m_Name(std::move(name)) {}
-    bool Init(GMainLoop* loop) override
-    {
-        m_Journal += "+" + m_Name;
-        return works && loop != nullptr;
-    }
-    void Final() override
-    {
-        m_Journal += "-" + m_Name;
-        if (inFinal) {
-            inFinal();
-        }
-    }
-    bool works = true;
-    std::function<void()> inFinal;
-
-private:
-    std::string& m_Journal;
-    std::string m_Name;
-};
-
-// Notes its hooks in a journal; of the thread that is at work, read when the task is over.
+// Notes its hooks and those of its IOs; of the thread that is at work, read when the task is over.
 class HookedTask : public Noting<TCTask>
 {
+    class IO : public TCIOBase
+    {
+    public:
+        IO(HookedTask& task, const char* name) : m_Task(task), m_Name(name) {}
+        bool Init(GMainLoop* loop) override { return m_Task.Note("+" + m_Name) && loop != nullptr; }
+        void Final() override { m_Task.Note("-" + m_Name); }
+
+    private:
+        HookedTask& m_Task;
+        const std::string m_Name;
+    };
+
 public:
     HookedTask() : Noting("task") {}
-    bool Init(GMainLoop* loop) override { return (journal += "+task", TCTask::Init(loop)); }
-    void Final() override { (journal += "-task", TCTask::Final()); }
+    bool Init(GMainLoop* loop) override { return Note("+task") && TCTask::Init(loop); }
+    void Final() override { (Note("-task"), TCTask::Final()); }
 
     std::string journal;
-    std::function<void()> inSetup, inCreate, beforeMain;
-    std::function<void()> keeps; // the exit event from the base class
-    bool creates = true;
+    std::string fails;                                 // the hook that returns false
+    std::map<std::string, std::function<void()>> acts; // what hooks do
+    std::function<void()> keeps;                       // the exit event from the base class
     using TCTask::m_PipeFileDes;
+    using TCTask::m_Source;
     using TCTask::m_TaskLoop;
-    void DestroyWatch() { g_source_destroy(m_Source); }
-    void LowerWatch() { g_source_set_priority(m_Source, G_PRIORITY_LOW); }
+    bool IsInsistedOn() // by a Destroy
+    {
+        return g_main_context_find_source_by_funcs_user_data(m_Context, &g_idle_funcs, this);
+    }
     void Iterate()
     {
         for (int i = 0; i < 20; ++i) {
             g_main_context_iteration(m_Context, FALSE);
         }
     }
-    void After(GSourceFunc function) // the current callback
+    void After(std::function<void()> function) // the current callback
     {
+        m_After = std::move(function);
         GSource* const source = g_idle_source_new();
+        const auto run = [](gpointer data) -> gboolean {
+            static_cast<HookedTask*>(data)->m_After();
+            return G_SOURCE_REMOVE;
+        };
         g_source_set_priority(source, G_PRIORITY_HIGH);
-        g_source_set_callback(source, function, this, nullptr);
+        g_source_set_callback(source, run, this, nullptr);
         g_source_attach(source, m_Context);
         g_source_unref(source);
     }
-    IO x{journal, "x"}, y{journal, "y"}, z{journal, "z"};
+    IO x{*this, "x"}, y{*this, "y"}, z{*this, "z"};
 
 protected:
-    void t_AddIO() override
-    {
-        AddIO(&z);
-        if (inSetup) {
-            inSetup();
-        }
-    }
+    void t_AddIO() override { AddIO(&z); }
     bool t_OnEvent(const TCEvent* event) override
     {
         if (event->id == EVENT_EXIT_TASK && keeps) {
-            seen += "k ";
             keeps();
             return true;
         }
         return Noting::t_OnEvent(event);
     }
-    bool t_Create() override
+    bool t_Create() override { return Note(" create"); }
+    void t_Main() override { (Note(" main"), TCTask::t_Main()); }
+    void t_Destroy() override { Note(" destroy"); }
+
+private:
+    bool Note(const std::string& hook)
     {
-        journal += " create";
-        if (inCreate) {
-            inCreate();
+        journal += hook;
+        if (const auto act = acts[hook]) {
+            act();
         }
-        return creates;
+        return hook != fails;
     }
-    void t_Main() override
-    {
-        journal += " main";
-        if (beforeMain) {
-            beforeMain();
-        }
-        TCTask::t_Main();
-    }
-    void t_Destroy() override { journal += " destroy"; }
+
+    std::function<void()> m_After;
 };
 
 class TaskTest : public testing::Test
@@ -127,15 +114,6 @@ extern "C" GThread* g_thread_try_new(const char* name, GThreadFunc function, gpo
     static const auto real =
         reinterpret_cast<decltype(&g_thread_try_new)>(dlsym(RTLD_NEXT, "g_thread_try_new"));
     return real(name, function, data, error);
-}
-
-extern "C" guint g_source_attach(GSource* source, GMainContext* context)
-{
-    static const auto real =
-        reinterpret_cast<decltype(&g_source_attach)>(dlsym(RTLD_NEXT, "g_source_attach"));
-    const guint id = real(source, context);
-    ++g_Attached;
-    return id;
 }
 
 TEST_F(TaskTest, DrivesItsIOsInOrderOnEitherThread)
@@ -168,22 +146,22 @@ TEST_F(TaskTest, FailedSetupOnTheCallerStartsAnewOrIsReleased)
     for (const bool retried : {true, false}) {
         HookedTask failing;
         failing.AddIO(&failing.x);
-        failing.y.works = false;
+        failing.fails = "+y";
         failing.AddIO(&failing.y);
         EXPECT_FALSE(failing.Create("name"));
         EXPECT_EQ(failing.journal, "+x+y");
-        failing.y.works = true;
-        failing.creates = false;
+        failing.fails = " create";
         failing.AddIO(&failing.x); // added already, and driven once
         EXPECT_FALSE(failing.Create("name"));
         EXPECT_TRUE(Send(&failing, 7)); // the queue was set up before t_Create failed
         EXPECT_FALSE(RunAndWait(&failing, [] { ADD_FAILURE(); }));
         std::future<bool> waiting;
-        failing.inCreate = [&] {
+        failing.acts[" create"] = [&] {
             waiting = std::async(std::launch::async, [&] { return RunAndWait(&failing, [] {}); });
             Await([&] { return failing.CountEvent() == 1; });
         };
-        g_NoThreads = failing.creates = true;
+        failing.fails.clear();
+        g_NoThreads = true;
         OnLog([&](const std::string& line) {
             if (line.find("no threads") != std::string::npos) {
                 std::thread([&] { failing.Destroy(); }).join(); // no lock is held here
@@ -192,7 +170,7 @@ TEST_F(TaskTest, FailedSetupOnTheCallerStartsAnewOrIsReleased)
         EXPECT_FALSE(failing.Create("name"));
         OnLog(nullptr);
         g_NoThreads = false;
-        failing.inCreate = nullptr;
+        failing.acts.clear();
         EXPECT_FALSE(waiting.get());
         EXPECT_FALSE(RunAndWait(&failing, [] { ADD_FAILURE(); }));
         failing.Destroy(); // what was set up stays for the next Create
@@ -214,7 +192,7 @@ TEST_F(TaskTest, FailedSetupOnTheCallerStartsAnewOrIsReleased)
 TEST_F(TaskTest, FailedSetupOnTheThreadEndsIt)
 {
     task.AddIO(&task.x);
-    task.x.works = false;
+    task.fails = "+x";
     EXPECT_TRUE(task.Create("name", false));
     task.Destroy();
     EXPECT_EQ(task.journal, "+x-x-task-z destroy");
@@ -235,7 +213,7 @@ TEST_F(TaskTest, DestroyRightAfterCreateWaitsForTheSetup)
         EXPECT_EQ(quick.seen, "e1 c1 ");
     }
     std::promise<void> destroying;
-    task.inSetup = [&] {
+    task.acts["+task"] = [&] {
         task.Destroy(); // on the task's own thread
         destroying.get_future().wait();
     };
@@ -261,13 +239,12 @@ TEST_F(TaskTest, EndsFromInsideAndIsStillJoined)
     ASSERT_TRUE(task.Create("name"));
     Send(&task, 7);
     Send(&task, 8);
-    Await([&] { return !Send(&task, 10); }); // the queue is closed at the end of the thread
+    Noting<TCHandler> other;
+    other.m_EventIO = &task;
+    Await([&] { return !Send(&other, 7); }); // the queue is closed at the end of the thread
     task.Destroy();
     EXPECT_EQ(CountLog(kError, "Send event EVENT_EXIT_TASK to destroy*"), 1);
-    EXPECT_EQ(task.seen.find("e7 c7 e8 c8 "), 0U);
-    EXPECT_NE(task.seen.find("e1 c1 "), std::string::npos);
-    EXPECT_EQ(task.seen.find("e9"), std::string::npos); // cleared behind the exit event
-    EXPECT_NE(task.seen.find("c9"), std::string::npos);
+    EXPECT_EQ(task.seen, "e7 c7 e8 c8 e1 c1 c9 "); // cleared behind the exit event
 }
 
 TEST_F(TaskTest, DestroyEndsATaskWhoseQueueIsFull)
@@ -304,10 +281,6 @@ TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
     };
     HookedTask* losing = nullptr;
     const auto remove = [&] { losing->DeleteEvent(nullptr); };
-    const auto finalLater = [](gpointer data) -> gboolean {
-        static_cast<HookedTask*>(data)->Final();
-        return G_SOURCE_REMOVE;
-    };
     const struct
     {
         std::function<void()> loses; // in a handler, with the exit event queued
@@ -316,10 +289,10 @@ TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
         {remove, "e7 c7 c1 e1 c1 "},
         {[&] { (remove(), SendUrgent(losing, EVENT_CLEAR_QUEUE)); }, "e7 c7 e5 c5 c1 e1 c1 "},
         {[&] { losing->Final(); }, "e7 c1 c7 "},
-        {[&] { losing->After(finalLater); }, "e7 c7 c1 "},
+        {[&] { losing->After([&] { losing->Final(); }); }, "e7 c7 c1 "},
         {[&] { (losing->Final(), losing->Init(losing->m_TaskLoop)); }, "e7 c1 c7 "},
-        {[&] { losing->DestroyWatch(); }, "e7 c7 c1 "},
-        {[&] { (remove(), losing->DestroyWatch()); }, "e7 c7 c1 "},
+        {[&] { g_source_destroy(losing->m_Source); }, "e7 c7 c1 "},
+        {[&] { (remove(), g_source_destroy(losing->m_Source)); }, "e7 c7 c1 "},
         {[&] { (remove(), replace(losing->m_PipeFileDes[1], "/")); }, "e7 c7 c1 "},
         {[&] { replace(losing->m_PipeFileDes[0], "/"); }, "e7 c7 "},
         {[&] { replace(losing->m_PipeFileDes[0], "/dev/null"); }, "e7 c7 "},
@@ -332,9 +305,8 @@ TEST_F(TaskTest, DestroyEndsATaskThatLosesItsExitEvent)
             std::promise<void> begun, lost;
             victim.onEvent = [&](const TCEvent& event) {
                 if (event.id == 7) {
-                    const int attached = g_Attached;
                     begun.set_value();
-                    Await([&] { return before || g_Attached > attached; });
+                    Await([&] { return before || victim.IsInsistedOn(); });
                     victim.Iterate(); // what Destroy has attached is over
                     c.loses();
                     lost.set_value();
@@ -355,28 +327,25 @@ TEST_F(TaskTest, DestroyLeavesTheExitEventToAHandlerThatKeepsIt)
 {
     task.keeps = [&] {
         task.Iterate(); // a nested loop
-        task.After([](gpointer data) -> gboolean {
-            Send(static_cast<HookedTask*>(data), 7);
-            return G_SOURCE_REMOVE;
-        });
+        task.After([&] { Send(&task, 7); });
     };
     task.onEvent = [&](const TCEvent&) {
         task.Iterate();
         g_main_loop_quit(task.m_TaskLoop);
     };
     task.AddIO(&task.x);
-    task.x.inFinal = [&] { EXPECT_FALSE(RunAndWait(&task, [] {})); };
+    task.acts["-x"] = [&] { EXPECT_FALSE(RunAndWait(&task, [] {})); };
     ASSERT_TRUE(task.Create("name"));
     task.Destroy();
-    EXPECT_EQ(task.seen, "k c1 e7 c7 c6 ");
+    EXPECT_EQ(task.seen, "c1 e7 c7 c6 ");
 }
 
 TEST_F(TaskTest, DestroyEndsATaskThatWasToldToQuitBeforeItsLoopRan)
 {
-    task.beforeMain = [&] {
+    task.acts[" main"] = [&] {
         Send(&task, EVENT_EXIT_TASK);
         task.Iterate();
-        task.LowerWatch();
+        g_source_set_priority(task.m_Source, G_PRIORITY_LOW);
     };
     ASSERT_TRUE(task.Create("name"));
     Await([&] { return g_main_loop_is_running(task.m_TaskLoop); });
@@ -386,12 +355,13 @@ TEST_F(TaskTest, DestroyEndsATaskThatWasToldToQuitBeforeItsLoopRan)
 
 TEST_F(TaskTest, ThrowingSetupIsNotTakenForASetupThatIsDone)
 {
-    task.inSetup = [] { throw std::runtime_error("client"); };
-    EXPECT_THROW(task.Create("name"), std::runtime_error);
+    for (const char* hook : {"+task", "-z"}) { // the second is of a set-up that is taken back
+        task.acts.clear();
+        task.acts[hook] = [] { throw std::runtime_error("client"); };
+        EXPECT_THROW(task.Create("name"), std::runtime_error);
+    }
+    task.acts.clear();
     task.AddIO(&task.x);
-    task.z.inFinal = std::exchange(task.inSetup, nullptr); // nor is one that cannot be taken back
-    EXPECT_THROW(task.Create("name"), std::runtime_error);
-    task.z.inFinal = nullptr;
     task.journal.clear();
     EXPECT_TRUE(task.Create("name"));
     EXPECT_TRUE(Send(&task, 7));
