@@ -115,9 +115,10 @@ public:
 
     /// For a closed server: waits until no hook or callback of it runs on another thread, and lets
     /// none start before the next create. Late replies, moved messages and signals are dropped,
-    /// calls that are not handled yet get the error reply. When it returns, every answer has left
-    /// the process, within the limits of CloseDBusServer(). May be called inside a hook, for whose
-    /// own end it does not wait.
+    /// calls that are not handled yet get the error reply; one that no main loop has dispatched yet
+    /// gets an error from GDBus when the loop goes on. When this returns, every answer has left the
+    /// process, within the limits of CloseDBusServer(). May be called inside a hook, for whose own
+    /// end it does not wait.
     /// @return false, with an error line, on a server that is not closed, and inside a send of it
     ///         for which a close waits
     bool AwaitHooks();
