@@ -61,11 +61,6 @@ struct LiveServer
     bool HoldsOtherThread(unsigned int life) const
         SENNET_THREAD_SAFETY(requires_capability(g_SetMutex))
     {
-        for (const auto& [key, entry] : calls) {
-            if (entry.life <= life && entry.call.expired()) {
-                return true;
-            }
-        }
         for (const HookScope* scope = inside; scope != nullptr; scope = scope->m_Next) {
             if (scope->m_Thread != std::this_thread::get_id() && scope->m_Life.number <= life) {
                 return true;
@@ -103,17 +98,29 @@ void LiveServers::Add(TCServer* server)
     Set().servers[server] = std::move(live);
 }
 
-// Returns the calls that are without an answer when the scopes of other threads have closed.
+// Returns the calls that are open when the scopes of other threads have closed. Those that a thread
+// is just destroying, and so answering, are over then.
 LiveServers::Calls LiveServers::AwaitOtherThreads(const Life& life)
 {
+    Calls calls; // outlives the lock, which the end of a call needs
     Lock lock(g_SetMutex);
-    while (life.server->HoldsOtherThread(life.number)) {
-        lock.Wait(Set().left);
-    }
-    Calls calls;
-    for (const auto& [key, entry] : life.server->calls) {
-        if (auto call = entry.life <= life.number ? entry.call.lock() : nullptr) {
-            calls.push_back(std::move(call));
+    const LiveServer& live = *life.server;
+    for (bool wait = true; wait;) {
+        wait = live.HoldsOtherThread(life.number);
+        if (!wait) {
+            for (const auto& [key, entry] : live.calls) {
+                if (entry.life > life.number) {
+                    continue;
+                }
+                if (auto call = entry.call.lock()) {
+                    calls.push_back(std::move(call)); // twice does no harm
+                } else {
+                    wait = true;
+                }
+            }
+        }
+        if (wait) {
+            lock.Wait(Set().left);
         }
     }
     return calls;
