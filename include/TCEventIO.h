@@ -246,7 +246,6 @@ public:
 protected:
     friend class TCAlarm;
     friend class TCTask;
-    friend void Internal::RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
 
     /// Handles the ids of the library; see there.
     /// @return true for those ids but EVENT_CLEAR_QUEUE, false for all others and a null event
@@ -286,6 +285,8 @@ protected:
     int m_PipeFileDes[2] = {-1, -1};
 
 private:
+    friend void Internal::RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
+
     class [[gnu::visibility("hidden")]] Dispatch;
 
     static constexpr unsigned long kLockWait = 1000; ///< microseconds
