@@ -115,7 +115,7 @@ void Send(GDBusConnection* connection, GDBusMessage* message)
 // Calls of every wrong kind, and signals and answers that the service never asked for.
 void SendWrongMessages(RawPeer& peer)
 {
-    const std::string huge(4U << 20U, 'x'), deep(1U << 20U, '['), deepObject = R"({"k":)" + deep;
+    const std::string huge(4U << 20U, 'x'), deep(1U << 20U, '[');
     const auto text = [](const std::string& content) {
         return "('me', uint32 7, 't', '" + content + "')";
     };
@@ -129,8 +129,6 @@ void SendWrongMessages(RawPeer& peer)
         {call, kEchoPath, kEcho, "NoSuchMethod", "()"},
         {call, "/", kEcho, "SendMessage", kGoodBody},
         {call, kEchoPath, "no.such.face", "SendMessage", kGoodBody},
-        {call, kEchoPath, kEcho, "SendMessage", "(1,)"},
-        {call, kEchoPath, kEcho, "SendMessage", "('', '', 1, [<''>])"},
         {call, kEchoPath, kEcho, "SendMessageWithBuffer", kGoodBody},
         {call, kEchoPath, kEcho, "SendMessageWithBuffer", "('', uint32 0, '', '', b'plain')"},
         {call, kEchoPath, kEcho, "SendMessageWithBuffer",
@@ -139,12 +137,9 @@ void SendWrongMessages(RawPeer& peer)
          "('', uint32 0, '', '', {'k': <[[<1>]]>})"},
         {call, kEchoPath, kEcho, "SendMessage", text(huge)},
         {call, kEchoPath, kEcho, "SendMessage", text(deep)},
-        {call, kEchoPath, kEcho, "SendMessage", text(deepObject)},
         {call, kEchoPath, kProperties, "Set", "('x', 'y', <1>)"},
-        {call, kEchoPath, kProperties, "GetAll", "(1, 2)"},
         {G_DBUS_MESSAGE_TYPE_METHOD_RETURN, nullptr, nullptr, nullptr, kGoodBody},
         {G_DBUS_MESSAGE_TYPE_ERROR, nullptr, nullptr, nullptr, "(1,)"},
-        {signal, kEchoPath, kEcho, "SendMessage", kGoodBody},
         {signal, kEchoPath, kEcho, "service_start_default", "()"},
         {signal, kEchoPath, kEcho, "service_start_default", "(1, [<2>])"},
         {signal, kEchoPath, kEcho, "service_start_default", text(deep)},
