@@ -1,7 +1,8 @@
-// The start and the stop of a timer. The context belongs to a loop that nobody runs, so that waking
-// another thread, which both sides would do alike, does not hide the difference.
+// SPDX-License-Identifier: MIT
+// Starts and stops a timer. The loop of the context does not run: both sides would wake its thread,
+// and the cost of that would hide the difference.
 
-#include "LoopThread.h"
+#include "../src/GLibPtr.h"
 #include "TCAlarm.h"
 #include "Table.h"
 
@@ -28,8 +29,8 @@ public:
     GMainContext* Context() const { return m_Context.get(); }
 
 private:
-    ContextPtr m_Context{g_main_context_new()};
-    LoopPtr m_Loop{g_main_loop_new(m_Context.get(), FALSE)};
+    Velmora::Internal::ContextPtr m_Context{g_main_context_new()};
+    Velmora::Internal::LoopPtr m_Loop{g_main_loop_new(m_Context.get(), FALSE)};
 };
 
 void StartStopOurs(benchmark::State& state)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Allocations.h"
 
 namespace {
@@ -6,8 +7,8 @@ thread_local std::size_t g_Allocations = 0;
 
 } // namespace
 
-// The program's own malloc family takes the C library's place for the whole process, GLib and the
-// C++ runtime included, and hands on to the names under which glibc keeps its own.
+// Replaces the C library's malloc, calloc and realloc for the whole process, GLib and the C++
+// runtime included, and calls glibc's own by their internal names.
 extern "C" {
 
 void* __libc_malloc(std::size_t size);                    // NOLINT

@@ -1,12 +1,13 @@
-// Counts what a stretch of code allocates.
+// SPDX-License-Identifier: MIT
+// Counts the allocations of a piece of code.
 #pragma once
 
 #include <cstddef>
 
 namespace Benchmarks {
 
-// How often the calling thread has allocated so far: through malloc, calloc, realloc, and so
-// through `new` and g_malloc.
+// Returns how often the calling thread has called malloc, calloc and realloc, which `new` and
+// g_malloc call.
 std::size_t AllocationsOfThread();
 
 } // namespace Benchmarks

@@ -1,9 +1,11 @@
+// SPDX-License-Identifier: MIT
 #include "BusPeers.h"
 
 #include <cstring>
 #include <memory>
 #include <string>
 
+#include "LoopThread.h"
 #include "TCServer.h"
 #include "TCTask.h"
 
@@ -12,6 +14,7 @@ namespace Benchmarks {
 namespace {
 
 using namespace Velmora;
+using Velmora::Internal::ContextPtr;
 
 bool Answer(const TCMessage* message, TCMessage* reply)
 {
@@ -112,7 +115,7 @@ const char kRawXml[] =
 
 [[noreturn]] void RunLoop()
 {
-    g_main_loop_run(g_main_loop_new(nullptr, FALSE)); // until the process is ended
+    g_main_loop_run(g_main_loop_new(nullptr, FALSE)); // until the process is killed
     std::abort();
 }
 
@@ -135,18 +138,12 @@ GDBusConnection* Bus()
 {
     static const GDBusInterfaceVTable table = {RawCall, nullptr, nullptr, {}};
     GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(kRawXml, nullptr);
-    GMainContext* const moved = g_main_context_new();
-    g_thread_new(
-        "moved",
-        [](gpointer context) -> gpointer {
-            g_main_loop_run(g_main_loop_new(static_cast<GMainContext*>(context), FALSE));
-            return nullptr;
-        },
-        moved);
+    const ContextPtr moved(g_main_context_new());
+    const Support::LoopThread thread(moved.get());
     g_dbus_connection_register_object(Bus(), kRawPath, node->interfaces[0], &table, nullptr,
                                       nullptr, nullptr);
-    g_dbus_connection_register_object(Bus(), kRawMovedPath, node->interfaces[0], &table, moved,
-                                      nullptr, nullptr);
+    g_dbus_connection_register_object(Bus(), kRawMovedPath, node->interfaces[0], &table,
+                                      moved.get(), nullptr, nullptr);
     g_bus_own_name_on_connection(Bus(), "bench.raw.message", G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
                                  nullptr, nullptr, nullptr);
     RunLoop();
@@ -185,7 +182,7 @@ void Acknowledge(guint32 code)
             },
             nullptr);
     }
-    Acknowledge(1); // listens
+    Acknowledge(1); // ready
     RunLoop();
 }
 

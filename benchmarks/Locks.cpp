@@ -1,4 +1,5 @@
-// The locks without contention, and what they allocate.
+// SPDX-License-Identifier: MIT
+// The locks without contention, and how often they allocate.
 
 #include <mutex>
 
@@ -12,7 +13,7 @@ namespace Benchmarks {
 
 namespace {
 
-// Times the operation, and counts what it allocates.
+// Times the operation, and counts its allocations.
 template <typename Operation>
 void Measure(benchmark::State& state, const Operation& operation)
 {
@@ -24,7 +25,7 @@ void Measure(benchmark::State& state, const Operation& operation)
     state.counters[kAllocations] = {allocations, benchmark::Counter::kAvgIterations};
 }
 
-// The four mutexes under one pair of names.
+// Gives the four mutexes the same pair of operations.
 class OurMutex
 {
 public:
@@ -87,7 +88,7 @@ void TakeGiveOurs(benchmark::State& state)
     semaphore.Destroy();
 }
 
-// The counter that the GLib manual would have one write.
+// A counter as the GLib manual shows it.
 struct PlainSemaphore
 {
     PlainSemaphore()

@@ -1,5 +1,6 @@
-// A payload of 100 bytes of JSON, beside jsoncpp with a builder and a reader or writer made for
-// each call, which is how its manual shows it.
+// SPDX-License-Identifier: MIT
+// A payload of 100 bytes of JSON, compared with jsoncpp as its manual shows it: each call makes a
+// builder and a reader or writer.
 
 #include <memory>
 #include <string>
@@ -14,7 +15,7 @@ namespace Benchmarks {
 
 namespace {
 
-// As the library writes it: compact, the keys in order.
+// As the library writes it: compact, with sorted keys.
 constexpr char kText[] = R"({"code":200,"items":[1,2,3,4],"method":"display.set",)"
                          R"("ok":true,"user":{"id":4711,"name":"the name"}})";
 static_assert(sizeof kText - 1 == 100);
@@ -94,7 +95,7 @@ void CopyOurs(benchmark::State& state)
     }
 }
 
-// A copy of a payload has the compact text, so that this side writes it out, too.
+// The copy of a payload holds its compact text, so the plain side also writes the text.
 void CopyPlain(benchmark::State& state)
 {
     const PlainData data = MakePlain();

@@ -1,4 +1,5 @@
-// Posts from other threads, from the send to the end of the handler.
+// SPDX-License-Identifier: MIT
+// Sends events from other threads, timed from the send to the end of the handler.
 
 #include <atomic>
 #include <chrono>
@@ -14,8 +15,10 @@ namespace Benchmarks {
 
 namespace {
 
+using Velmora::Internal::ContextPtr;
+
 constexpr long kEvents = 200000;
-constexpr long kMaxOutstanding = 50000; // the pipe of a queue has room for 61,440
+constexpr long kMaxOutstanding = 50000; // a queue can hold 61,440
 constexpr unsigned long kEventId = 1000;
 constexpr char kText[] = "a plain text of thirty-two bytes";
 static_assert(sizeof kText - 1 == 32);
@@ -40,7 +43,7 @@ public:
     }
 
 private:
-    // Not a spin: on a machine of few processors it would take the consumer's.
+    // Sleeps: a busy wait could take the processor that the consumer needs.
     static void Pause() { std::this_thread::sleep_for(std::chrono::microseconds(50)); }
 
     std::atomic<long> m_Outstanding{0};
@@ -81,7 +84,7 @@ gboolean OnPlainEvent(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-// Shares one batch of events out among the producers, and waits until all are handled.
+// Divides one batch of events among the producers, and waits until all are handled.
 template <typename Produce>
 void RunBatch(long producers, Window& window, const Produce& produce)
 {
@@ -105,7 +108,7 @@ void PostOurs(benchmark::State& state, long producers)
     }
     while (state.KeepRunningBatch(kEvents)) {
         RunBatch(producers, window, [&](long count) {
-            Velmora::TCEvent event; // sent again and again: the queue takes a copy
+            Velmora::TCEvent event; // can be sent repeatedly: the queue copies it
             event.receiver = &consumer;
             event.id = kEventId;
             event.data.SetMessage(kText);
@@ -123,13 +126,14 @@ void PostOurs(benchmark::State& state, long producers)
 void PostPlain(benchmark::State& state, long producers)
 {
     Window window;
-    const LoopThread loop;
+    const ContextPtr context(g_main_context_new());
+    const Support::LoopThread loop(context.get());
     while (state.KeepRunningBatch(kEvents)) {
         RunBatch(producers, window, [&](long count) {
             for (long i = 0; i < count; ++i) {
                 window.Enter();
                 g_main_context_invoke_full(
-                    loop.Context(), G_PRIORITY_DEFAULT, OnPlainEvent,
+                    context.get(), G_PRIORITY_DEFAULT, OnPlainEvent,
                     new PlainEvent{kEventId, kText, &window},
                     [](gpointer data) { delete static_cast<PlainEvent*>(data); });
             }

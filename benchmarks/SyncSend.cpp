@@ -1,15 +1,19 @@
-// A synchronous send to another thread's loop and back.
+// SPDX-License-Identifier: MIT
+// A synchronous send to the loop of another thread.
 
 #include <optional>
 #include <string>
 
 #include "LoopThread.h"
+#include "Processors.h"
 #include "TCTask.h"
 #include "Table.h"
 
 namespace Benchmarks {
 
 namespace {
+
+using Velmora::Internal::ContextPtr;
 
 constexpr unsigned long kEventId = 1000;
 
@@ -51,7 +55,7 @@ void SendOurs(benchmark::State& state, int sender, int receiver)
     task.Destroy();
 }
 
-// One call that waits: the way the GLib manual shows for GCond.
+// One call that waits, as the GLib manual shows it for GCond.
 class PlainCall
 {
 public:
@@ -93,11 +97,13 @@ private:
 void SendPlain(benchmark::State& state, int sender, int receiver)
 {
     const Pinned pinned(sender);
-    const LoopThread loop(receiver);
+    const ContextPtr context(g_main_context_new());
+    const Support::LoopThread loop(context.get());
+    loop.Run([receiver] { Pin(receiver); });
     for (auto _ : state) {
         PlainCall call;
         g_main_context_invoke_full(
-            loop.Context(), G_PRIORITY_DEFAULT,
+            context.get(), G_PRIORITY_DEFAULT,
             [](gpointer data) -> gboolean {
                 static_cast<PlainCall*>(data)->Finish();
                 return G_SOURCE_REMOVE;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Table.h"
 
 #include <algorithm>
@@ -91,7 +92,7 @@ void Table::Finalize()
     for (const Row& row : m_Rows) {
         const auto ours = m_Samples.find(OursName(row));
         const auto plain = m_Samples.find(PlainName(row));
-        if (ours != m_Samples.end() && plain != m_Samples.end()) { // not filtered away
+        if (ours != m_Samples.end() && plain != m_Samples.end()) { // neither is filtered out
             PrintRow(row, ours->second, plain->second);
         }
     }

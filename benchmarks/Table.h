@@ -1,4 +1,5 @@
-// The table that the run ends with: each thing the library does beside the plain way of doing it.
+// SPDX-License-Identifier: MIT
+// The table at the end of a run: what the library does, compared with the plain way to do it.
 #pragma once
 
 #include <functional>
@@ -16,15 +17,15 @@ using Body = std::function<void(benchmark::State&)>;
 struct Row
 {
     std::string title;
-    std::optional<double> target;             // the highest ratio that is good enough
-    benchmark::IterationCount iterations = 0; // 0: as many as the measuring time takes
+    std::optional<double> target;             // the highest good ratio
+    benchmark::IterationCount iterations = 0; // 0: as many as fit the measuring time
 };
 
 // The counter in which a body reports the allocations of one iteration.
 inline constexpr char kAllocations[] = "allocs";
 
-// Registers the two sides of each row as benchmarks of their own, so that Google Benchmark can
-// shuffle their repetitions, collects what it measures, and prints medians and their ratio.
+// Registers each side of a row as a benchmark, so that Google Benchmark can shuffle their
+// repetitions. Collects the results, and prints medians and their ratio.
 class Table : public benchmark::BenchmarkReporter
 {
 public:
@@ -37,8 +38,8 @@ public:
 private:
     struct Samples
     {
-        std::vector<double> times;         // nanoseconds of one iteration, one of each repetition
-        std::optional<double> allocations; // the highest seen, where the body counts them
+        std::vector<double> times;         // nanoseconds per iteration, one for each repetition
+        std::optional<double> allocations; // the most in one repetition, if the body counts them
     };
 
     void PrintRow(const Row& row, const Samples& ours, const Samples& plain);
@@ -47,7 +48,7 @@ private:
     std::map<std::string, Samples> m_Samples; // by the name of the benchmark
 };
 
-// What each file of this folder measures.
+// Each adds the rows of one file.
 void AddPostRows(Table& table);
 void AddSyncSendRows(Table& table);
 void AddAlarmRows(Table& table);

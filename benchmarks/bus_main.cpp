@@ -1,4 +1,5 @@
-// Measures endpoints on a bus beside the same exchange on raw GDBus, in alternating rounds.
+// SPDX-License-Identifier: MIT
+// Compares endpoints on a bus with the same exchange on raw GDBus, in alternating rounds.
 #include <algorithm>
 #include <cstdio>
 #include <functional>
@@ -7,16 +8,9 @@
 #include <vector>
 
 #include "BusPeers.h"
-#include "TCLog.h"
+#include "ChildProcess.h"
 #include "TCServer.h"
 #include "TCTask.h"
-
-// The log costs what its sink costs; here it is off.
-extern "C" int __dlog_print(int /*log_id*/, int /*priority*/, const char* /*tag*/,
-                            const char* /*format*/, ...)
-{
-    return 0;
-}
 
 namespace {
 
@@ -50,7 +44,7 @@ void Measure(Times& times, int count, const std::function<void()>& once)
     }
 }
 
-// Both sides in alternating rounds; one time for each call of a side, which stands for `items`.
+// Measures both sides in alternating rounds. Each call of a side handles `items` items.
 void Row(const char* title, int rounds, int count, int items, double target,
          const std::function<void()>& ours, const std::function<void()>& plain)
 {
@@ -74,24 +68,10 @@ void Row(const char* title, int rounds, int count, int items, double target,
     std::fflush(stdout);
 }
 
-class Process
+// This program in a process of its own, in another role.
+struct Process : Support::ChildProcess
 {
-public:
-    explicit Process(const char* role)
-        : m_Process(
-              g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "/proc/self/exe", role, nullptr))
-    {}
-    ~Process()
-    {
-        g_subprocess_force_exit(m_Process); // by GLib's worker thread, which ends with the process
-        g_subprocess_wait(m_Process, nullptr, nullptr);
-        g_object_unref(m_Process);
-    }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-private:
-    GSubprocess* m_Process;
+    explicit Process(const char* role) : ChildProcess({"/proc/self/exe", role}) {}
 };
 
 class Emitter : public TCServer
@@ -157,7 +137,7 @@ public:
     Bench(const Bench&) = delete;
     Bench& operator=(const Bench&) = delete;
 
-    // The plain side passes the text through, or reads and writes it with jsoncpp as the library
+    // The plain side returns the text as it is, or reads and writes it with jsoncpp as the library
     // does.
     void Calls()
     {
@@ -175,8 +155,8 @@ public:
         Row(
             "64 calls outstanding, each", 20, 5, 64, 1.25, [&] { OursOutstanding(message); },
             [this] { RawOutstanding(); });
-        for (const unsigned int kib : {1U, 64U, 1024U}) {
-            const TCMessage buffer = Message("x", kib * 1024);
+        for (const std::size_t kib : {1U, 64U, 1024U}) {
+            const TCMessage buffer = Message("x", static_cast<unsigned int>(kib * 1024));
             const std::vector<unsigned char> bytes(kib * 1024, 7);
             Row(("buffer of " + std::to_string(kib) + " KiB").c_str(), 21,
                 kib == 1 ? 100 : (kib == 64 ? 3 : 1), 1, 1.05, [&] { Call(kOurs, buffer); },
@@ -295,7 +275,7 @@ private:
                                                      bytes.size(), TRUE, nullptr, nullptr));
     }
 
-    // The text of the answer.
+    // Returns the text of the reply.
     std::string RawCall(const char* path, const char* type, const std::string& text,
                         const std::vector<unsigned char>& bytes)
     {

@@ -1,18 +1,20 @@
+# SPDX-License-Identifier: MIT
 # sennet_install_service(TARGET <target> NAME <service name> USER <user> [GROUP <group>]
 #                        [DESCRIPTION <text>])
 #
-# Installs the program of a service that starts with its first message:
+# Installs the program of a service and the files with which its first message starts it:
 #   <bin>/<program>                                           the target
-#   <share>/dbus-1/system.d/<bus name>.conf                   who may own its names, and send to it
+#   <share>/dbus-1/system.d/<bus name>.conf                   who may own its names and send to it
 #   <share>/dbus-1/system-services/<bus name>.service         how the bus starts it
 #   <prefix>/lib/systemd/system/<service name>.service        how systemd runs it
 #
-# NAME is the name that the program gives to its TCServer. USER runs the program, and alone may own
-# its bus name and those of its activities, which are all names below the service name. With a GROUP
-# only its members may send to it, without one everybody. The system bus reads policies below the
-# prefix /usr only: with another one it starts the service and refuses its name.
+# NAME is the service name that the program gives to its TCServer. USER is the account that runs the
+# program. Only USER may own the service's bus name and those of its activities, which are all names
+# below the service name. With GROUP, only members of the group may send to the service; without it,
+# everybody may. Install with the prefix /usr: the system bus reads policies only there. With another
+# prefix it starts the service and refuses its name.
 
-# The name as the library makes it legal, and the bus name that comes of it.
+# Returns the legal form of a service name, as the library makes it, and the bus name.
 function(_sennet_service_names name service_out bus_out)
   string(REGEX REPLACE "[^A-Za-z0-9._]" "_" service "${name}")
   set(bus ${service}.message)
@@ -49,7 +51,7 @@ function(sennet_install_service)
     set(senders "group=\"${arg_GROUP}\"")
   endif()
   include(GNUInstallDirs)
-  # Where the program is, is known when it is installed: the second round fills these in.
+  # The path of the program is known only at the installation, where these are replaced.
   cmake_path(APPEND exec "@CMAKE_INSTALL_PREFIX@" "${CMAKE_INSTALL_BINDIR}" "@program@")
 
   set(templates ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/service)
@@ -61,7 +63,8 @@ function(sennet_install_service)
   install(TARGETS ${arg_TARGET} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${out}/${bus}.conf DESTINATION ${system_dir}/system.d)
   cmake_path(APPEND activation_dir "\${CMAKE_INSTALL_PREFIX}" "${system_dir}" system-services)
-  # Not by way of the build folder, which root would leave files in that its owner cannot replace.
+  # Written directly to the destination: in the build folder, root would leave files that the owner
+  # of the folder cannot replace.
   install(CODE "
     set(program $<TARGET_FILE_NAME:${arg_TARGET}>)
     foreach(file IN ITEMS

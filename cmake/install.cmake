@@ -1,4 +1,5 @@
-# What `cmake --install` installs. Every path in the installed files is relative to the file.
+# SPDX-License-Identifier: MIT
+# What `cmake --install` installs. All paths in the installed files are relative to these files.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/sennet)
@@ -38,9 +39,12 @@ cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
 configure_file(cmake/sennet.pc.in ${PROJECT_BINARY_DIR}/sennet.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sennet.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
   FILES_MATCHING PATTERN "*.cpp" PATTERN "*.h" PATTERN "service/CMakeLists.txt")
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+# The reference, if scripts/docs has built it.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/build/docs/html
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc OPTIONAL)

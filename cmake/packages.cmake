@@ -1,5 +1,5 @@
-# Debian packages: `cmake --preset package`, `cmake --build --preset package`, then `cpack` in
-# build/package.
+# SPDX-License-Identifier: MIT
+# Debian packages. scripts/package builds them, in build/package.
 find_program(SENNET_GZIP gzip)
 if(NOT SENNET_GZIP)
   return()
@@ -10,7 +10,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PACKAGE_NAME sennet)
 set(CPACK_PACKAGE_CONTACT "The libsennet authors <sennet@velmora.example>")
 set(CPACK_STRIP_FILES ON)
-# Whatever the umask is.
+# The same permissions whatever the umask is.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -19,7 +19,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/compress_man_pages.cmake)
 
-# The package of an install component, with the papers that each package must bring.
+# The package of an install component, with the copyright and the change log that Debian requires.
 macro(sennet_package component name section contents)
   string(TOUPPER ${component} upper)
   list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -36,14 +36,14 @@ sennet_package(runtime libsennet0 libs "the shared library")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
 
-sennet_package(dev libsennet-dev libdevel "what programs are built with")
+sennet_package(dev libsennet-dev libdevel "the headers and the files for CMake and pkg-config")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_library}, libglib2.0-dev, libjsoncpp-dev")
 
-sennet_package(doc libsennet-doc doc "the documentation")
+sennet_package(doc libsennet-doc doc "the documentation and the example programs")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 
-if(TARGET sennetctl) # with whatever is installed under the component "tools"
-  sennet_package(tools sennet-tools utils "the programs for users")
+if(TARGET sennetctl)
+  sennet_package(tools sennet-tools utils "sennetctl and sennet-private-bus")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${same_library}")

@@ -1,4 +1,5 @@
-// The main loop of an example, on which the bus calls in: runs until it is told to end.
+// SPDX-License-Identifier: MIT
+// The main loop of an example, which dispatches what arrives on the bus. SIGTERM and SIGINT end it.
 #pragma once
 
 #include <csignal>

@@ -1,4 +1,6 @@
-// An application with an activity: a second endpoint of the process, under the name of the first.
+// SPDX-License-Identifier: MIT
+// An application with an activity: a second endpoint in the process, whose bus name starts with the
+// name of the first.
 #include <cstdio>
 
 #include "MainLoop.h"
@@ -34,13 +36,13 @@ int main()
     if (!application || !page) {
         return 1;
     }
-    // Other processes reach it as "example.app.page".
+    // Other processes send to it as "example.app.page".
     std::printf("the page's bus name is %s\n", TCServer::m_GetDBusName("page").c_str());
 
     TCMessage request;
     request.SetMessage("the first screen");
     TCMessage reply;
-    const bool sent = application->SendMessage("page", &request, true, &reply); // no bus involved
+    const bool sent = application->SendMessage("page", &request, true, &reply); // without the bus
     std::printf("application: %s\n", reply.GetMessage().c_str());
     loop.Run();
     return sent ? 0 : 1;

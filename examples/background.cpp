@@ -1,4 +1,5 @@
-// Counts words on a task while the main thread reads on: no class, no event, no bus.
+// SPDX-License-Identifier: MIT
+// Counts words on a task while the main thread goes on reading: no class, no event, no bus.
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -12,7 +13,7 @@ using namespace Velmora;
 int main()
 {
     SetAppName("background");
-    std::map<std::string, int> counts; // of the task's thread, so that it needs no lock
+    std::map<std::string, int> counts; // used on the task's thread only, so it needs no lock
     TCScope<TCTask> task("counter");
     if (!task) {
         return 1;
@@ -28,7 +29,7 @@ int main()
             return 1; // the queue is full
         }
     }
-    // In its turn: all lines are counted.
+    // Runs after the queued callables, when all lines are counted.
     const auto times = RunAndWait(&*task, [&counts] { return counts["the"]; });
     std::printf("\"the\" %d times\n", times.value_or(0));
     return 0;

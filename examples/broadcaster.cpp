@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A service that broadcasts a signal ten times a second.
 #include <cstdio>
 

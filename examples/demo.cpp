@@ -1,7 +1,8 @@
-// The main job: a thermometer that is a service and a task at once broadcasts readings, and two
-// clients in processes of their own listen to it, configure it and fetch its history.
+// SPDX-License-Identifier: MIT
+// A thermometer, which is both a service and a task, broadcasts readings. Two clients in other
+// processes listen to it, configure it and send it a buffer.
 //
-// Started without arguments it starts itself once for each role and says how it went.
+// Started without arguments, the program starts itself once for each role, and prints the result.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -31,13 +32,13 @@ public:
         return m_Alarm.Create(this, 200, static_cast<unsigned long>(VELMORA_INFINITY)) &&
                m_Alarm.SetAlarmCallback(&Sensor::Measure, this);
     }
-    void Stop() { m_Alarm.Destroy(); } // before its scope closes the server that it sends by
+    void Stop() { m_Alarm.Destroy(); } // before the scope closes the server, which the alarm uses
 
 protected:
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
                            TCEventIO*& target) override
     {
-        target = this; // handled on the task's thread, where the alarm runs, too
+        target = this; // handled on the task's thread, which also runs the alarm
         return true;
     }
 
@@ -68,8 +69,8 @@ private:
     }
 
     TCAlarm m_Alarm;
-    std::atomic<int> m_Offset{0}; // the bus thread runs the hook while the task's queue is full
-    int m_Readings = 0;           // of the task's thread
+    std::atomic<int> m_Offset{0}; // the bus thread runs the hook if the task's queue is full
+    int m_Readings = 0;           // used on the task's thread only
 };
 
 class Client : public TCServer
@@ -84,7 +85,7 @@ public:
         const bool worked = SubscribeSignal(kSensor, "reading", &Client::OnReading, this) &&
                             AwaitSensor() && Configure() && SendBuffer() && Ask();
         if (worked) {
-            m_Loop.Run(); // until readings and answer are there
+            m_Loop.Run(); // until the readings and the answer have arrived
         }
         return worked && m_Readings >= kWanted && m_Answered;
     }
@@ -146,7 +147,7 @@ private:
     }
     bool Ask()
     {
-        TCMessage message, wanted; // the second only says that an answer is wanted
+        TCMessage message, wanted; // the second only requests an answer
         message.m_Json["offset"] = 7;
         return SendMessage(kSensor, &message, false, &wanted);
     }
@@ -196,7 +197,7 @@ int main(int argc, char** argv)
         return Direct(argv[0]);
     }
     g_timeout_add_seconds(
-        9, [](gpointer) -> gboolean { std::_Exit(2); }, nullptr); // something hangs
+        9, [](gpointer) -> gboolean { std::_Exit(2); }, nullptr); // ends a demo that hangs
     const std::string role = argv[1];
     if (role != "sensor") {
         TCScope<Client> client(role);

@@ -1,4 +1,5 @@
-// Sends to the echo service: synchronously, asynchronously, and with a buffer.
+// SPDX-License-Identifier: MIT
+// Sends to the echo service: synchronously, with a buffer, and asynchronously.
 #include <cstdio>
 #include <cstring>
 
@@ -64,7 +65,7 @@ int main()
     }
     TCMessage message;
     message.m_Json["greeting"] = "later";
-    TCMessage wanted; // only says that an answer is wanted
+    TCMessage wanted; // only requests an answer
     if (!client->SendMessage(kService, &message, false, &wanted)) {
         return 1;
     }

@@ -1,4 +1,5 @@
-// A service that answers every message with the message itself, until it is told to end.
+// SPDX-License-Identifier: MIT
+// A service that replies to every message with the same message.
 #include <cstdio>
 
 #include "MainLoop.h"
@@ -14,7 +15,7 @@ public:
     EchoService() : TCServer("example.echo", SERVER_TYPE_SERVICE) {}
 
 protected:
-    // On the thread that runs the main loop.
+    // Runs on the thread of the main loop.
     bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
                            const char* /*signalName*/) override
     {
@@ -35,6 +36,6 @@ int main()
     if (!service) {
         return 1;
     }
-    loop.Run(); // the bus calls in from here
+    loop.Run(); // calls the hooks when messages arrive
     return 0;
 }

@@ -1,4 +1,5 @@
-// Listens to the broadcaster until three of its signals have come.
+// SPDX-License-Identifier: MIT
+// Listens to the broadcaster until three of its signals have arrived.
 #include <cstdio>
 
 #include "MainLoop.h"

@@ -1,21 +1,23 @@
-# For the run scripts of the examples, which get the folder of the programs and a bus of their own.
+# shellcheck shell=sh
+# SPDX-License-Identifier: MIT
+# Read by the run scripts of the examples. Each gets the folder of the programs and a private bus.
 set -eu
 programs=$1
 
-# Starts a service, and waits until its name is on the bus.
+# Starts a service and waits until its name is on the bus.
 start() {
     "$programs/$1" &
     service=$!
     gdbus wait --system --timeout 20 "$2"
 }
 
-# Ends it, and fails if it did not end well.
+# Ends the service, and fails if it failed.
 stop() {
     kill "$service"
     wait "$service"
 }
 
-# Calls a service as a foreign client: NAME JSON.
+# Calls a service without the library: NAME JSON.
 call() {
     gdbus call --system --dest "$1.message" --object-path "/$(echo "$1.message" | tr . /)" \
         --method "$1.message.SendMessage" foreign 0 '' "$2"

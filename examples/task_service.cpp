@@ -1,5 +1,6 @@
-// A service with a thread of its own: the bus thread hands each message over to the task, so that a
-// slow one holds up nobody else.
+// SPDX-License-Identifier: MIT
+// A service with its own thread: the bus thread moves each message to the task, so that a slow one
+// does not delay other endpoints.
 #include <cstdio>
 #include <mutex>
 
@@ -29,8 +30,8 @@ protected:
         return true;
     }
 
-    // On the task's thread. When messages arrive faster than they are handled and the task's queue
-    // is full, also on the bus thread, at the same time: so what is used here needs a lock.
+    // Runs on the task's thread and, when messages arrive so fast that the task's queue is full, at
+    // the same time on the bus thread: what is used here needs a lock.
     bool IfMessageReceived(const char* /*from*/, const TCMessage* message, TCMessage* reply,
                            const char* /*signalName*/) override
     {
@@ -56,7 +57,7 @@ int main()
         return 1;
     }
     loop.Run();
-    // On the task's thread, after the messages that are queued.
+    // Runs on the task's thread, after the queued messages.
     const std::optional<int> sum = RunAndWait(&*worker, [&] { return worker->Sum(); });
     std::printf("the sum was %d\n", sum.value_or(0));
     return 0;

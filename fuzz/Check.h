@@ -1,4 +1,5 @@
-// What the fuzz targets share.
+// SPDX-License-Identifier: MIT
+// Shared by the fuzz targets.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-// A broken promise is a finding.
+// Ends the process if a guarantee is broken, which libFuzzer reports.
 inline void Check(bool kept)
 {
     if (!kept) {

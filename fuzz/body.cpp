@@ -1,7 +1,8 @@
-// Bodies from foreign peers, all the way from the socket to the client's hooks and back.
+// SPDX-License-Identifier: MIT
+// Bodies from peers without the library, from the socket to the hooks and back.
 //
-// The input is a digit for the route, the body's signature, a NUL, and the body as GVariant
-// serialises it.
+// The input is a digit for the route, the signature of the body, a NUL, and the body as serialised
+// by GVariant.
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -28,8 +29,8 @@ constexpr char kName[] = "fuzzed.message";
 constexpr char kPath[] = "/fuzzed/message";
 constexpr char kPeer[] = ":1.2";
 
-// Stands in for the bus daemon and for every peer on the bus. It answers on GDBus's thread, since
-// the main thread may be waiting inside a send.
+// Replaces the bus daemon and every peer on the bus. It answers on GDBus's thread, since the main
+// thread may wait inside a send.
 class Bus
 {
 public:
@@ -42,8 +43,8 @@ public:
         g_signal_connect(m_Server, "new-connection", G_CALLBACK(&OnConnection), this);
         g_dbus_server_start(m_Server);
         g_setenv("DBUS_SYSTEM_BUS_ADDRESS", g_dbus_server_get_client_address(m_Server), TRUE);
-        // The library connects synchronously, which would leave no thread to accept here. It
-        // finds this connection.
+        // Connect here: the library connects synchronously, and no thread would be left to accept.
+        // It uses this connection.
         const auto connected = [](GObject*, GAsyncResult* result, gpointer self) {
             Check(g_bus_get_finish(result, nullptr) != nullptr);
             static_cast<Bus*>(self)->m_Done = true;
@@ -52,7 +53,7 @@ public:
         Await();
     }
 
-    // For answers to calls of the library. The body must outlive them.
+    // Sets the body of replies to the library's calls. It must outlive them.
     void SetBody(GVariant* body) { m_Body = body; }
 
     void Send(GDBusMessage* message)
@@ -68,7 +69,7 @@ public:
         return std::move(m_Answer);
     }
 
-    // Runs the main loop up to the next Finish.
+    // Runs the main loop until Finish().
     void Await()
     {
         while (!m_Done) {
@@ -127,19 +128,19 @@ private:
             return;
         }
         Send(reply.get());
-        if (member == "SendMessage") { // comes in behind the reply
+        if (member == "SendMessage") { // arrives after the reply
             Send(MessagePtr(g_dbus_message_new_signal("/peer", "peer.message", "over")).get());
         }
     }
 
     GDBusServer* m_Server;
     GDBusConnection* m_Connection = nullptr;
-    std::atomic<bool> m_Done{false}; // hands m_Answer over
+    std::atomic<bool> m_Done{false}; // publishes m_Answer
     MessagePtr m_Answer;
     GVariant* m_Body = nullptr;
 };
 
-// What a body of a known shape holds, and otherwise nothing.
+// The content of a body. Empty if the body has no known shape.
 struct Content
 {
     explicit Content(GVariant* body)
@@ -174,7 +175,7 @@ struct Content
     std::string buffer;
 };
 
-// Notes that the body has arrived unharmed, and echoes messages.
+// Checks that the body arrives unchanged, and echoes messages.
 class Server : public TCServer
 {
 public:
@@ -268,7 +269,7 @@ private:
     bool m_Arrived = false;
 };
 
-// Null for what GDBus cannot bring in from a bus.
+// Returns null for input that GDBus cannot receive from a bus.
 VariantPtr ReadInput(const char* data, std::size_t size)
 {
     const auto* const end = static_cast<const char*>(std::memchr(data, '\0', size));
@@ -298,7 +299,7 @@ VariantPtr ReadInput(const char* data, std::size_t size)
 
 } // namespace
 
-// Formats each line, so that its arguments are looked at.
+// Formats each line, so that its arguments are read.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" int __dlog_print(int /*log_id*/, int /*priority*/, const char* /*tag*/,
                             const char* format, ...)
@@ -313,7 +314,7 @@ extern "C" int __dlog_print(int /*log_id*/, int /*priority*/, const char* /*tag*
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static auto& bus = *new Bus; // both until the end of the process
+    static auto& bus = *new Bus; // both live until the end of the process
     static auto& server = *new Server(bus);
     if (size == 0) {
         return 0;

@@ -1,4 +1,5 @@
-// Service names on their way to a bus name and an object path.
+// SPDX-License-Identifier: MIT
+// Service names, turned into bus names and object paths.
 #include <string>
 
 #include <gio/gio.h>

@@ -1,4 +1,5 @@
-// Texts of messages: taken for JSON or not, written out, copied and read again.
+// SPDX-License-Identifier: MIT
+// Texts of messages, JSON or not: written, copied and read again.
 #include <cctype>
 #include <cstring>
 #include <string>
@@ -10,8 +11,8 @@ using namespace Velmora;
 
 namespace {
 
-// The JSON library is not built for the fuzzer: which kinds of characters follow each other in what
-// it says tells input that leads somewhere new from the rest.
+// The JSON library is not instrumented. Instead, the pairs of character kinds in what it writes
+// show the fuzzer which input leads to something new.
 [[gnu::section("__libfuzzer_extra_counters")]] std::uint8_t g_Pairs[128][128];
 
 unsigned int Kind(char character)

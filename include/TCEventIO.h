@@ -1,91 +1,79 @@
+// SPDX-License-Identifier: MIT
 /// @file
-/// Events, handlers and the event queue bound to a GLib main loop.
+/// Events, handlers, and the event queue bound to a GLib main loop.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <memory>
 #include <string>
 
 #include <glib.h>
 
+#include "SennetApi.h"
 #include "TCLog.h"
 #include "TCMessage.h"
 #include "TCMutex.h"
 
-#pragma GCC visibility push(default)
-
 namespace Velmora {
 
-class TCAlarm;
 class TCEventIO;
 class TCHandler;
-class TCTask;
-
-namespace Internal {
-/// What RunAndWait() does with a queue whose loop runs on another thread: returns when the callable
-/// has run or is certain not to.
-void RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
-} // namespace Internal
 
 /// @name Event ids
-/// The ids that TCEventIO::t_OnEvent() and TCEventIO::t_Clear() give a meaning. Every other id, 0
-/// and 2 among them, is free for subclasses. An override of those two operations passes these ids
-/// on to the base class, or takes their handling away.
+/// The ids that TCEventIO handles. All other ids, 0 and 2 included, are free for the application.
+/// An override of TCEventIO::t_OnEvent() or TCEventIO::t_Clear() must pass these ids on to the base
+/// class; otherwise nothing handles them.
 /// @{
 
-/// Quits the loop that was given to TCEventIO::Init(); what is queued behind it is not dispatched.
+/// Quits the loop that was given to TCEventIO::Init(). Events queued after it are not dispatched.
 /// `param.p` is not used.
 inline constexpr unsigned long EVENT_EXIT_TASK = 1;
-/// Delivers the heap TCMessage in `param.p`; used between servers of one process.
+/// Delivers the TCMessage in `param.p`, made with `new`. Used between servers of one process.
 inline constexpr unsigned long EVENT_TRANSFER_MESSAGE = 3;
 /// Used by TCEventIO::Ping().
 inline constexpr unsigned long EVENT_PING = 4;
-/// Clears every entry that is queued when it comes up; sent urgently, everything that is queued.
+/// Clears the whole queue when it is dispatched. Send it urgently to clear what is queued now.
 /// `param.p` is not used.
 inline constexpr unsigned long EVENT_CLEAR_QUEUE = 5;
-/// Calls the heap `std::function<void()>` in `param.p`, made with `new`.
+/// Calls the `std::function<void()>` in `param.p`, made with `new`.
 inline constexpr unsigned long EVENT_EXECUTE_FUNCTION = 6;
 /// @}
 
-/// What an event carries besides its payloads. Holds eight bytes on every platform.
-struct alignas(8) TCEventParam
+/// What an event carries besides its payloads. Takes eight bytes on every platform.
+struct SENNET_API TCEventParam
 {
-    /// What it points to, and who owns that, depends on the id of the event. Copies of the event
-    /// share it. A queue that accepted a by-value event releases it through TCHandler::OnClear().
-    void* p = nullptr;
+    /// The id of the event decides what this points to and who owns it. Copies of the event share
+    /// it. A queue that has accepted a copy of the event releases it through TCHandler::OnClear().
+    alignas(8) void* p = nullptr;
 };
 
-/// One event: a record posted to a handler's queue.
-///
-/// Copying copies both payloads; `param.p` is copied as a pointer. Destruction leaves `param.p`
-/// alone.
-class __attribute__((visibility("default"))) TCEvent
+/// One event: a record that is sent to a handler. The destructor does not release `param.p`.
+class SENNET_API TCEvent
 {
 public:
     TCEvent() = default;
-    /// Copies both payloads and the pointer.
+    /// Copies both payloads and the pointer `param.p`.
     TCEvent(const TCEvent& other) = default;
-    /// The same.
+    /// Copies both payloads and the pointer `param.p`.
     TCEvent& operator=(const TCEvent& other) = default;
-    /// Takes the payloads over; the source may only be assigned to or destroyed afterwards.
+    /// Moves the payloads. The source may then only be assigned to or destroyed.
     TCEvent& operator=(TCEvent&& other) noexcept = default;
     virtual ~TCEvent() = default;
 
-    TCHandler* receiver = nullptr; ///< who gets the event; its queue takes it
-    unsigned long id = 0;          ///< one of the ids above, or the application's own
+    TCHandler* receiver = nullptr; ///< the handler that gets the event through its queue
+    unsigned long id = 0;          ///< one of the ids above, or one of the application
     bool deleted = false;          ///< set in the queue by TCEventIO::DeleteEvent()
     TCData data;                   ///< first payload
     TCData extra;                  ///< second payload
-    bool sync = false;             ///< queued by pointer; set by TCEventIO::SendSyncEvent()
-    TCEventParam param;            ///< what the id needs; see the ids
+    bool sync = false;             ///< queued without a copy; set by TCEventIO::SendSyncEvent()
+    TCEventParam param;            ///< its use depends on the id
 };
 
-/// What can receive events. A subclass that is no queue itself points #m_EventIO at the queue that
-/// is to take its events; events sent to it before are refused.
-class __attribute__((visibility("default"))) TCHandler
+/// Receives events from a queue. A TCEventIO is a handler with a queue of its own; any other
+/// subclass sets #m_EventIO to the queue that is to take its events. Until then, sends to it fail.
+class SENNET_API TCHandler
 {
 public:
     TCHandler() = default;
@@ -93,37 +81,38 @@ public:
     TCHandler(const TCHandler&) = delete;
     TCHandler& operator=(const TCHandler&) = delete;
 
-    /// Calls t_OnEvent(). Runs on the thread of the queue's loop, with no lock of the queue held.
-    /// @return whether the id was handled; the queue does not look at it
+    /// Calls t_OnEvent(). The queue calls this on the thread of its loop, and holds no lock.
+    /// @return true if the id was handled; the queue ignores it
     bool OnEvent(const TCEvent* event) { return t_OnEvent(event); }
 
-    /// Calls t_Clear(), once for each by-value event that a queue accepted: after OnEvent(), or
-    /// alone where the event was deleted, swept or cleared by TCEventIO::Final().
+    /// Calls t_Clear(). The queue calls this once for each event of which it accepted a copy: after
+    /// OnEvent(), or without it if the event was deleted or cleared.
     void OnClear(TCEvent* event) { t_Clear(event); }
 
-protected:
-    friend class TCEventIO;
+    /// @cond internal
+    struct Private; // the library's own operations, in src/
+    /// @endcond
 
-    /// Handles one event. An exception that leaves it passes through the loop and so, on a task's
-    /// thread, ends the process; Json::Value's asInt() and its like throw on a value of another
-    /// type, so look with isInt() first at what others have sent.
-    /// @return whether the id was handled; the base class handles none
+protected:
+    /// Handles one event. Do not let an exception out: it passes through the loop and, on a task's
+    /// thread, ends the process. Functions like Json::Value::asInt() throw if the value has another
+    /// type, so check received values first, for example with isInt().
+    /// @return true if the id was handled; the base class returns false
     virtual bool t_OnEvent(const TCEvent* event);
 
-    /// Releases what `param.p` of one event points to. Runs on the loop's thread after a dispatch,
-    /// and under the queue's lock while a queue is swept or finalised: it must not wait for another
-    /// thread that sends to this queue.
-    /// The base class releases nothing.
+    /// Releases what `param.p` of one event points to; the base class releases nothing. Runs on the
+    /// loop's thread after the dispatch of the event, or under the queue's lock while the queue is
+    /// cleared: do not wait here for another thread that sends to this queue.
     virtual void t_Clear(TCEvent* event);
 
-    /// The queue that takes events addressed to this handler. Set it before the first send to the
-    /// handler; senders read it without a lock.
+    /// The queue that takes the events sent to this handler. Set it before the first send, because
+    /// senders read it without a lock.
     TCEventIO* m_EventIO = nullptr;
 };
 
-/// What a task can drive: something that is initialised with the task's loop when the task starts
-/// and finalised when it ends.
-class __attribute__((visibility("default"))) TCIOBase
+/// An object that a task drives. The task calls Init() with its loop when it starts, and Final()
+/// when it ends.
+class SENNET_API TCIOBase
 {
 public:
     TCIOBase() = default;
@@ -131,11 +120,12 @@ public:
     TCIOBase(const TCIOBase&) = delete;
     TCIOBase& operator=(const TCIOBase&) = delete;
 
-    /// @param loop the loop on which the object is to work; null means the global default context
-    /// @return false ends the set-up of the task
+    /// Starts to work on a loop.
+    /// @param loop null means the global default main context
+    /// @return false makes the set-up of the task fail
     virtual bool Init(GMainLoop* loop) = 0;
 
-    /// Ends the work of Init(); on the loop's thread, or after the loop has stopped.
+    /// Ends the work of Init(). Called on the loop's thread, or after the loop has stopped.
     virtual void Final() = 0;
 
 protected:
@@ -144,127 +134,131 @@ protected:
 
 /// An event queue bound to a GLib main loop.
 ///
-/// Any thread sends a TCEvent; the thread that runs the loop takes the entries off one at a time,
-/// one in each callback of the loop, and gives each to its receiver. Between events the loop sleeps
-/// in its ordinary poll.
+/// Any thread sends events. The thread that runs the loop takes them off the queue, one in each
+/// callback of the loop, and gives each one to its receiver. Between events the loop sleeps in its
+/// ordinary poll.
 ///
-/// Order of use: construct; Init(), directly or through a TCTask; send from any thread; Final();
-/// destruct. After Final() a new Init() starts the queue again. Sends, CountEvent(), DeleteEvent()
-/// and Ping() may overlap with each other and with Init() and Final(), but not with the destructor.
-/// Final() runs on the loop's thread, or after the loop has stopped.
+/// Order of use: construct; Init(), directly or through a TCTask; send events; Final(); destruct.
+/// After Final(), Init() starts the queue again. Sends, CountEvent(), DeleteEvent() and Ping() may
+/// overlap with each other and with Init() and Final(), but not with the destructor. Call Final()
+/// on the loop's thread or after the loop has stopped.
 ///
-/// Order of delivery: events sent with SendEvent() arrive in the order in which their senders got
-/// the queue's lock; an urgent event overtakes everything queued at that moment.
+/// Order of delivery: events arrive in the order in which SendEvent() got the queue's lock. An
+/// urgent event overtakes everything that is queued at that moment.
 ///
 /// Capacity: each entry holds one byte of a pipe until it is dispatched. A pipe of the kernel's
-/// default size takes 61,440 to 65,536 entries; a send that finds no room is refused at once.
+/// default size has room for 61,440 to 65,536 entries. Without room, a send fails at once.
 ///
-/// A main loop that a handler runs on the same context dispatches the context's other sources,
-/// other queues among them, but no event of this queue: the next one follows when the handler has
-/// returned. Do not wait for an event of the queue in such a loop.
+/// Nested loops: a main loop that a handler runs on the same context dispatches the other sources
+/// of that context, including other queues, but no event of this queue. The next one follows when
+/// the handler has returned. Do not wait for an event of this queue in such a loop.
 ///
-/// Once EVENT_EXIT_TASK has quit the loop, nothing else is dispatched until Final() and a new
-/// Init(); Final() clears what is queued.
+/// After EVENT_EXIT_TASK has quit the loop, nothing more is dispatched until Final(), which clears
+/// the queue, and a new Init().
 ///
-/// A child made with fork() may do nothing with the library but exec: it shares the pipes of the
-/// queues that it has inherited. Sends to them are refused there, and leave the parent's alone.
-class __attribute__((visibility("default"))) TCEventIO : public TCIOBase, public TCHandler
+/// A child made with fork() must not use the library and may only call exec: it shares the pipes of
+/// the queues that it has inherited. Sends to these queues fail in the child, and do not affect the
+/// parent.
+class SENNET_API TCEventIO : public TCIOBase, public TCHandler
 {
 public:
     /// @param name shown in log lines only
     explicit TCEventIO(std::string name);
 
-    /// Closes the pipe and the watch if they are still there. It does not clear the queue: entries
-    /// left in it are lost, so that Final() comes first.
+    /// Removes the watch and closes the pipe if they still exist. It does not clear the queue:
+    /// entries that are left are lost, so call Final() first.
     ~TCEventIO() override;
 
-    /// Makes the queue ready: a pipe, a watch on the loop's context, then t_Init(). On a queue that
-    /// is ready it changes nothing and answers true. What a failed call leaves is released by the
-    /// next call or by the destructor.
-    /// @param loop not owned, and used until Final(); null means the global default main context,
-    ///             and EVENT_EXIT_TASK then has no effect
-    /// @return whether the queue accepts events
+    /// Makes the queue ready: creates a pipe and a watch on the loop's context, then calls
+    /// t_Init(). If the queue is ready already, nothing changes. What a failed call leaves is
+    /// released by the next call or by the destructor.
+    /// @param loop not owned; must live until Final(). Null means the global default main context;
+    ///             then EVENT_EXIT_TASK has no effect.
+    /// @return true if the queue accepts events
     bool Init(GMainLoop* loop) override;
 
-    /// Clears every entry, ends the watch and closes the pipe. Every by-value entry gets its
-    /// OnClear() on the calling thread, under the queue's lock; a sender that waits in
-    /// SendSyncEvent() returns at once, its handler not having run; a queued ping is waited for
-    /// until its timeout. Afterwards sends are refused.
+    /// Clears every entry, removes the watch and closes the pipe. Later sends fail.
+    ///
+    /// OnClear() runs on the calling thread, under the queue's lock. A sender that waits in
+    /// SendSyncEvent() returns at once, without its handler having run. If a ping is queued,
+    /// Final() blocks until that ping times out.
     void Final() override;
 
-    /// Queues a copy of the event. May be called on any thread, handlers of the queue included, and
+    /// Queues a copy of the event. Any thread may call it, also inside a handler of the queue; it
     /// waits only for the queue's lock.
-    /// @param event stays the caller's. On true `param.p` belongs to the queue, on false it stays
-    ///              with the caller.
-    /// @return false, with an error line, if the receiver is null or has no queue, the queue is not
-    ///         ready, or its pipe is full or cannot be written
+    /// @param event stays the caller's. After true, the queue owns what `param.p` points to; after
+    ///              false, the caller still does.
+    /// @return false, with an error line, if the receiver is null or has no queue, if the queue is
+    ///         not ready, or if its pipe is full or cannot be written
     static bool SendEvent(TCEvent* event);
 
-    /// Like SendEvent(), ahead of all entries: of two urgent events the later one goes first.
+    /// Same as SendEvent(), but puts the event before all entries. Of two urgent events, the later
+    /// one is dispatched first.
     static bool SendUrgentEvent(TCEvent* event);
 
-    /// Queues the caller's own event by pointer and returns when its handler has finished. Sets
-    /// `sync`, and overwrites `param.p`: an id that uses `param.p` cannot be sent so. The payloads
-    /// arrive as they are, not normalised as in a copy: after writing into `m_Json`, call
-    /// Generate() where the handler reads the text.
+    /// Queues the caller's event itself, not a copy, and returns when its handler has finished. Do
+    /// not call this on the thread of the receiver's loop: it would block for the full 20 seconds.
     ///
-    /// If the loop has not reached the event after 20 seconds, the event is taken back and its
-    /// handler does not run; a handler that is running then is waited for. Once the call has
-    /// returned, nothing touches the event again. No OnClear() follows. Before the object goes
-    /// through SendEvent(), clear `sync`, or it would be queued by pointer again, and `deleted`,
-    /// which a DeleteEvent() may have set meanwhile.
+    /// The call sets `sync` and overwrites `param.p`, so do not use it with an id that needs
+    /// `param.p`. There is no copy, whose constructor would generate the text: after writing to
+    /// `m_Json`, call Generate() if the handler reads the text. No OnClear() follows.
     ///
-    /// Not to be called on the thread of the receiver's loop, where it uses up the 20 seconds.
-    /// @return true if the queue has accepted the event, also when it was taken back or cleared;
+    /// If the loop has not reached the event after 20 seconds, the call takes it back, and its
+    /// handler does not run. If the handler is running by then, the call waits until it has
+    /// finished. Once the call has returned, nothing touches the event again. Before you pass the
+    /// same object to SendEvent(), clear `sync` (otherwise it is queued without a copy again) and
+    /// `deleted` (DeleteEvent() may have set it).
+    /// @return true if the queue has accepted the event, even if it was then taken back or cleared;
     ///         false, with an error line, as in SendEvent()
     static bool SendSyncEvent(TCEvent* event);
 
-    /// Asks whether the loop of a queue is alive.
+    /// Checks whether the loop of a queue is alive. Do not call this on the thread of that loop.
     ///
-    /// Not to be called on the thread of that loop. A ping with VELMORA_INFINITY whose entry is
-    /// deleted, swept or finalised is never answered, and blocks the clearing thread: such a caller
-    /// keeps the queue from being cleared.
-    /// @param target may be null, which answers false
-    /// @param timeout microseconds, at least 2,100 (less counts as 2,100), or VELMORA_INFINITY
-    /// @return true if the loop reached the ping within the timeout
+    /// If the entry of a ping with VELMORA_INFINITY is deleted or cleared, the ping never returns,
+    /// and the thread that releases the entry blocks for ever. Make sure that nothing deletes or
+    /// clears it.
+    /// @param target if null, the call returns false
+    /// @param timeout microseconds, or VELMORA_INFINITY; less than 2,100 counts as 2,100
+    /// @return true if the loop has reached the ping within the timeout
     static bool Ping(TCEventIO* target, unsigned long timeout);
 
     /// @return the number of entries, deleted ones included; a snapshot taken without the lock
     unsigned int CountEvent() const;
 
-    /// Marks every queued event of one receiver as deleted. A marked entry stays in its place; when
-    /// it comes up it gets OnClear() and no OnEvent(), so that its receiver has to live until then.
-    /// An event sent with SendSyncEvent() is counted and delivered all the same.
-    /// @param handler the receiver; null means this queue itself as receiver, not all receivers
-    /// @return the number of entries that are marked now, earlier marks included; -1 if the queue
+    /// Marks every queued event of one receiver as deleted. A marked entry keeps its place. When
+    /// its turn comes, its receiver gets OnClear() but no OnEvent(), so it must live until then. An
+    /// event sent with SendSyncEvent() is counted, but is still delivered.
+    /// @param handler the receiver; null means this queue as the receiver, not all receivers
+    /// @return the number of entries that are now marked, earlier marks included; -1 if the queue
     ///         is not ready
     int DeleteEvent(const TCHandler* handler);
 
-    /// The same for the events that also have this id.
+    /// Same as the other DeleteEvent(), but only for events with this id.
     int DeleteEvent(unsigned long id, const TCHandler* handler);
 
-protected:
-    friend class TCAlarm;
-    friend class TCTask;
+    /// @cond internal
+    struct Private; // the library's own operations, in src/
+    /// @endcond
 
-    /// Handles the ids of the library; see there.
-    /// @return true for those ids but EVENT_CLEAR_QUEUE, false for all others and a null event
+protected:
+    /// Handles the event ids of the library.
+    /// @return true for these ids except EVENT_CLEAR_QUEUE; false for all others and a null event
     bool t_OnEvent(const TCEvent* event) override;
 
     /// For subclasses: the last step of Init(), under the queue's lock.
-    /// @return false leaves the queue not ready
+    /// @return false makes Init() fail
     virtual bool t_Init();
 
-    /// Called by nobody; kept for the order of virtual operations.
+    /// Unused. Kept so that the vtable layout does not change.
     virtual void t_Final();
 
-    /// Releases `param.p` of the library's ids; EVENT_CLEAR_QUEUE sweeps the queue.
+    /// Releases `param.p` of the event ids of the library. For EVENT_CLEAR_QUEUE it clears the
+    /// queue.
     void t_Clear(TCEvent* event) override;
 
     /// @cond internal
-    enum class PostResult { Queued, NotCreated, PipeFull, WriteFailed };
+    enum class PostResult;
 
-    /// Links the node's entry at one end of the list, with its byte, or does nothing.
     PostResult m_Post(std::list<TCEvent*>& node, bool urgent);
     bool m_Put(TCEvent* event);
     bool m_Insert(TCEvent* event);
@@ -275,77 +269,38 @@ protected:
 
     TCMutex m_QueueMutex; ///< guards the list, the created flag and the write end of the pipe
     std::string m_Name;   ///< constant
-    /// By-value entries are owned, by-pointer ones the senders'.
+    /// The copies are owned; the events of SendSyncEvent() are their senders'.
     std::list<TCEvent*> m_EventList SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex));
-    std::atomic<bool> m_FlagCreate{false};       ///< written under the lock, looked at also without
+    std::atomic<bool> m_FlagCreate{false};       ///< written under the lock, also read without it
     std::atomic<GMainLoop*> m_MainLoop{nullptr}; ///< not owned
-    GSource* m_Source = nullptr;     ///< one reference; of Init(), then of the loop's thread
-    GIOChannel* m_Channel = nullptr; ///< during Init() only
-    /// Read end, write end; the numbers outlive the descriptors.
+    GSource* m_Source = nullptr;     ///< one reference; used by Init(), then by the loop's thread
+    GIOChannel* m_Channel = nullptr; ///< only set during Init()
+    /// Read end and write end; the numbers are kept after the descriptors are closed.
     int m_PipeFileDes[2] = {-1, -1};
 
 private:
-    friend void Internal::RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
+    enum class ExitRequest : std::uint8_t;
 
-    class [[gnu::visibility("hidden")]] Dispatch;
-
-    static constexpr unsigned long kLockWait = 1000; ///< microseconds
-
-    /// What has become of the exit event of a TCTask::Destroy() that waits.
-    enum class ExitRequest : std::uint8_t {
-        None,
-        Queued,
-        Taken,      ///< off the list, its byte not read: for good if that fails
-        Dispatched, ///< its receiver has it, and decides
-        Lost,       ///< refused, deleted or cleared
-    };
-
-    [[gnu::visibility("hidden")]] static TCEventIO* m_FindQueue(const TCEvent* event);
-    [[gnu::visibility("hidden")]] bool m_Report(PostResult result) const;
-    [[gnu::visibility("hidden")]] PostResult m_PostOwned(std::unique_ptr<TCEvent> entry,
-                                                         bool urgent);
-    [[gnu::visibility("hidden")]] PostResult m_PostExit();
-    [[gnu::visibility("hidden")]] void m_PursueExit();
-    [[gnu::visibility("hidden")]] void m_Stop();
-    [[gnu::visibility("hidden")]] bool m_OpenPipe();
-    [[gnu::visibility("hidden")]] bool m_OwnsPipe() const;
-    [[gnu::visibility("hidden")]] void m_CountReadByte();
-    [[gnu::visibility("hidden")]] GSource* m_MakeWatch(GIOChannel* channel);
-    [[gnu::visibility("hidden")]] bool m_AttachWatch();
-    [[gnu::visibility("hidden")]] void m_ReleaseWatch();
-    [[gnu::visibility("hidden")]] void m_LeaveDispatch();
-    [[gnu::visibility("hidden")]] bool m_HasRoomForSure()
-        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
-    [[gnu::visibility("hidden")]] int m_WriteByte()
-        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
-    [[gnu::visibility("hidden")]] void m_PutBack(TCEvent* byPointer);
-    [[gnu::visibility("hidden")]] bool m_AwaitHandler(const TCEvent* event, TCSemaphore& handled);
-    [[gnu::visibility("hidden")]] void m_ClearEntries()
-        SENNET_THREAD_SAFETY(requires_capability(m_QueueMutex));
-
-    bool m_PipeOpen = false; ///< of Init(), Final() and the destructor
-    /// Of Destroy() until its event is queued or refused, then of the loop's thread.
-    std::atomic<ExitRequest> m_Exit{ExitRequest::None};
+    bool m_PipeOpen = false; ///< used by Init(), Final() and the destructor
+    /// Used by TCTask::Destroy() until its event is queued or refused, then by the loop's thread.
+    std::atomic<ExitRequest> m_Exit;
     std::atomic<bool> m_Stopped{false};        ///< nothing is dispatched any more; any thread
-    std::uint8_t m_PipeForks = 0;              ///< the forks before Init(); constant after it
+    std::uint8_t m_PipeForks = 0;              ///< forks before Init(); constant after it
     std::atomic<unsigned int> m_EntryCount{0}; ///< size of the list, for readers without the lock
-    /// Bytes written and not yet read out of the channel, so at least as many as the pipe holds of
-    /// them.
-    /// Raised under the lock, lowered on the loop's thread.
+    /// Bytes that were written and not yet read out of the channel: never fewer than the pipe
+    /// holds. Raised under the lock, lowered on the loop's thread.
     std::atomic<std::uint64_t> m_UnreadBytes{0};
-    /// Written since the pipe was last known empty.
+    /// Bytes written since the pipe was last known to be empty.
     std::uint64_t m_RunBytes SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex)) = 0;
-    /// The kernel's answer, asked for by long runs.
+    /// The size that the kernel has reported; requested when many bytes are unread.
     std::uint64_t m_PipeSize SENNET_THREAD_SAFETY(guarded_by(m_QueueMutex)) = 0;
 };
 
 /// @copydoc Velmora::TCEventIO::SendEvent
-bool SendEvent(TCEvent* event);
+SENNET_API bool SendEvent(TCEvent* event);
 /// @copydoc Velmora::TCEventIO::SendUrgentEvent
-bool SendUrgentEvent(TCEvent* event);
+SENNET_API bool SendUrgentEvent(TCEvent* event);
 /// @copydoc Velmora::TCEventIO::SendSyncEvent
-bool SendSyncEvent(TCEvent* event);
+SENNET_API bool SendSyncEvent(TCEvent* event);
 
 } // namespace Velmora
-
-#pragma GCC visibility pop

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// @file
 /// The log macros and the application name.
 ///
@@ -9,46 +10,45 @@
 #include <string>
 #include <type_traits>
 
-#pragma GCC visibility push(default)
+#include "SennetApi.h"
 
 /// The platform's log service. Where the platform has none, the library brings a stand-in as a weak
 /// symbol, so that a program that defines this function itself receives every line.
 ///
-/// The stand-in writes one line to standard error and drops lines below its threshold, which is
-/// "warning" unless the environment variable `SENNET_LOG_LEVEL` says "debug", "info", "warning",
-/// "error" or "none" when the first line is written; one line tells of any other value. Lines with
-/// an empty body appear at the threshold "debug" alone. A line is cut at 4,096 bytes, up to which
-/// POSIX has a write to a pipe atomic (`PIPE_BUF`). In what a line tells, control and formatting
-/// characters become blanks; the colours of the macros appear on a terminal only. `errno` and the
-/// signals of the thread stay as they are.
+/// The stand-in writes each line to standard error. The environment variable `SENNET_LOG_LEVEL`
+/// sets the lowest priority that it writes: "debug", "info", "warning" (the default), "error" or
+/// "none". It is read at the first line; one line reports any other value. Lines with an empty body
+/// appear at "debug" only. A line is cut at 4,096 bytes (`PIPE_BUF`), because POSIX writes no more
+/// to a pipe in one piece. In the text, control and formatting characters become blanks. The
+/// colours of the macros appear on a terminal only. `errno` and the signals of the thread do not
+/// change.
 ///
+/// Any thread may call this function.
 /// @param log_id   the log buffer; 0 is the main one
 /// @param priority 3 debug, 4 info, 5 warning, 6 error
-/// @param tag      who writes
-/// @param format   a printf format for what follows
-/// @return the number of bytes written, or a negative number; nobody here looks at it
-///
-/// May be called on any thread.
+/// @param tag      the component that writes
+/// @param format   a printf format for the other arguments
+/// @return the number of bytes written, or a negative number; the library ignores it
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the platform's
-extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...)
+extern "C" SENNET_API int __dlog_print(int log_id, int priority, const char* tag,
+                                       const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
 namespace Velmora {
 
-/// The application name that stands in brackets in every log line; "nil" until SetAppName() is
-/// called. It has no lock: change it before the first thread of the library starts.
-extern std::string g_AppName;
+/// The application name, printed in brackets in every log line. It is "nil" until SetAppName() is
+/// called. There is no lock: change it before the first thread of the library starts.
+SENNET_API extern std::string g_AppName;
 
 /// @return the characters of g_AppName, not a copy; valid until the next SetAppName()
-const char* GetProjectName();
+SENNET_API const char* GetProjectName();
 
-/// The same pointer as GetProjectName().
-const char* GetAppName();
+/// Same as GetProjectName().
+SENNET_API const char* GetAppName();
 
-/// Replaces the application name. Belongs at the start of the process, since every thread that logs
-/// reads the name without a lock.
+/// Sets the application name. Call this at the start of the process, see g_AppName.
 /// @param name copied; null sets "nil"
-void SetAppName(const char* name);
+SENNET_API void SetAppName(const char* name);
 
 namespace Detail {
 
@@ -67,16 +67,14 @@ constexpr std::size_t BaseNameOffset(const char* path)
 } // namespace Detail
 } // namespace Velmora
 
-#pragma GCC visibility pop
-
-/// The base name of the source file as a pointer into the literal `__FILE__`.
+/// The base name of the source file: a pointer into the literal `__FILE__`.
 #define VELMORA_LOG_FILE                                                                           \
     (&__FILE__[std::integral_constant<std::size_t,                                                 \
                                       ::Velmora::Detail::BaseNameOffset(__FILE__)>::value])
 
 /// @cond internal
-// The body and its arguments arrive as one list. HEAD takes the body off it, to stand in the middle
-// of the format; TAIL gives ", arguments", or nothing for a body alone. Up to 14 arguments.
+// The body and its arguments come as one list. HEAD is the body, which goes into the middle of the
+// format. TAIL is ", arguments", or nothing if there are none. Up to 14 arguments.
 #define VELMORA_LOG_HEAD(body, ...) body
 #define VELMORA_LOG_TAIL_NONE(body)
 #define VELMORA_LOG_TAIL_SOME(body, ...) , __VA_ARGS__
@@ -99,9 +97,10 @@ constexpr std::size_t BaseNameOffset(const char* path)
                  ::Velmora::GetProjectName() VELMORA_LOG_TAIL(__VA_ARGS__))
 /// @endcond
 
-/// Writes one line: a printf format as a string literal, then its arguments. The line carries the
-/// source file, the function, the source line and the application name before the body. The body
-/// has no newline of its own; an empty body ("") marks that a place was passed.
+/// Writes one line. The arguments are a printf format as a string literal, then its values. The
+/// line has the source file, the function, the source line and the application name before this
+/// body. Do not end the body with a newline. An empty body ("") only shows that the place was
+/// reached.
 #define VELMORA_LOGD(...) VELMORA_LOG_LINE(3, "32", __VA_ARGS__)
 /// @copydoc VELMORA_LOGD
 #define VELMORA_LOGI(...) VELMORA_LOG_LINE(4, "37", __VA_ARGS__)
@@ -109,5 +108,5 @@ constexpr std::size_t BaseNameOffset(const char* path)
 #define VELMORA_LOGW(...) VELMORA_LOG_LINE(5, "33", __VA_ARGS__)
 /// @copydoc VELMORA_LOGD
 #define VELMORA_LOGE(...) VELMORA_LOG_LINE(6, "31", __VA_ARGS__)
-/// The warning "NAME is null": how a null argument is refused. Takes the name as a literal.
+/// Writes the warning "NAME is null", for an argument that must not be null.
 #define VELMORA_LOG_NULL(name) VELMORA_LOG_LINE(5, "33", "%s is null", name)

@@ -1,27 +1,29 @@
+// SPDX-License-Identifier: MIT
 /// @file
 /// The performance trace, under a log tag of its own.
 #pragma once
 
 #include <cstdint>
 
-#pragma GCC visibility push(default)
+#include "SennetApi.h"
 
 namespace Velmora {
 
-/// Measures how long a stretch of code takes, in whole milliseconds of the monotonic clock, and
-/// writes the result under the log tag "WPERF" at error priority.
+/// Measures how long a piece of code takes. It writes the time, in whole milliseconds of the
+/// monotonic clock, under the log tag "WPERF" at error priority.
 ///
-/// As an object on the stack it writes an IN line when it is made and an OUT line with the duration
-/// when it goes; with Start() and End() it measures any stretch. An object belongs to one thread.
-class __attribute__((visibility("default"))) TCPrint
+/// An object on the stack measures its scope: it writes an IN line when it is constructed and an
+/// OUT line with the time when it is destructed. Start() and End() measure any other piece of code.
+/// Use an object on one thread only.
+class SENNET_API TCPrint
 {
 public:
-    /// For Start() and End(); writes nothing.
+    /// For use with Start() and End(); writes nothing.
     TCPrint() = default;
 
-    /// Begins a scope and writes the IN line.
+    /// Begins to measure a scope and writes the IN line.
     /// @param mode 1: the destructor writes the OUT line; any other value: it does not
-    /// @param name not copied: has to outlive the object
+    /// @param name not copied; must outlive the object
     /// @param unused has no effect
     TCPrint(int mode, const char* name, int unused);
 
@@ -29,15 +31,15 @@ public:
     TCPrint(const TCPrint&) = delete;
     TCPrint& operator=(const TCPrint&) = delete;
 
-    /// Begins a stretch and writes the START line. Name and number are only printed.
+    /// Begins to measure and writes the START line. The name and the number are only printed.
     void Start(const char* name, int number);
 
-    /// Writes the END line with the time since the last Start(), which must have been called.
+    /// Writes the END line with the time since the last Start(). Call Start() first.
     void End(const char* name, int number);
 
-    /// Hands the line "[sennet][name][number]text" to the platform's kernel (prctl, option 666), at
-    /// most 199 bytes, the name's part of it at most 190. Has no effect on other kernels. Allocates
-    /// nothing; may be called on any thread.
+    /// Passes the line "[sennet][name][number]text" to the platform's kernel (prctl, option 666).
+    /// The line is cut at 199 bytes, and the part before the text at 190. Has no effect on other
+    /// kernels. Allocates no memory; any thread may call it.
     static void sennet_hw_clock_s(const char* name, int number, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
 
@@ -49,5 +51,3 @@ private:
 };
 
 } // namespace Velmora
-
-#pragma GCC visibility pop

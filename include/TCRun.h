@@ -1,5 +1,6 @@
+// SPDX-License-Identifier: MIT
 /// @file
-/// Callables on the thread of a queue's loop, without an event of one's own.
+/// Runs callables on the thread of a queue's loop.
 #pragma once
 
 #include <functional>
@@ -13,39 +14,25 @@
 
 namespace Velmora {
 
+/// @cond internal
 namespace Internal {
-
-// Never made: only reaches what a queue keeps for its subclasses.
-class QueueThread : public TCEventIO
-{
-public:
-    static bool IsCurrent(TCEventIO& queue)
-    {
-        TCMutex& mutex = queue.*&QueueThread::m_QueueMutex;
-        mutex.Lock(); // keeps away Final(), until which the loop is there
-        GMainLoop* const loop = queue.*&QueueThread::m_MainLoop;
-        const bool current =
-            queue.*&QueueThread::m_FlagCreate &&
-            g_main_context_is_owner(loop != nullptr ? g_main_loop_get_context(loop) : nullptr) != 0;
-        mutex.Unlock();
-        return current;
-    }
-};
-
+// Runs the callable at once on the thread of the loop; elsewhere returns when it has run or is
+// certain not to run.
+SENNET_API void RunAndAwait(TCEventIO* receiver, std::function<void()> callable);
 } // namespace Internal
+/// @endcond
 
-/// Queues a callable as EVENT_EXECUTE_FUNCTION and returns: it runs on the thread of the queue's
-/// loop, in its turn among the events, also when this is called on that thread. Any thread.
+/// Queues a callable as EVENT_EXECUTE_FUNCTION and returns. The callable runs on the thread of the
+/// queue's loop, in its turn among the events, even if that is the calling thread. Any thread.
 ///
-/// It is the queue's from here on. One whose entry is deleted, swept or finalised is destroyed
-/// without having run, and so is one that comes to a queue whose t_OnEvent() does not pass the id
-/// on to TCEventIO. An exception that leaves it ends a task's process, as in
-/// TCHandler::t_OnEvent().
-/// @param queue may be null, which is refused
-/// @param callable an empty one is refused; what it refers to lives until it has run or is
+/// The queue owns the callable from now on. If its entry is deleted or cleared, or if t_OnEvent()
+/// of the queue does not pass the id on to TCEventIO, the callable is destroyed without being run.
+/// Do not let an exception out of it, see TCHandler::t_OnEvent().
+/// @param queue if null, the call fails
+/// @param callable if empty, the call fails; what it refers to must live until it has run or is
 ///                 destroyed
-/// @return false, with a log line, for an empty callable or if the queue does not accept events,
-///         see TCEventIO::SendEvent(); the callable is destroyed then
+/// @return false, with a log line, if the callable is empty or the queue does not accept events,
+///         see TCEventIO::SendEvent(); then the callable is destroyed
 inline bool Run(TCEventIO* queue, std::function<void()> callable)
 {
     if (!callable) {
@@ -64,22 +51,23 @@ inline bool Run(TCEventIO* queue, std::function<void()> callable)
     return true;
 }
 
-/// Runs a callable on the thread of the queue's loop and waits for its result, however long that
-/// takes. Inside that loop, in a handler above all, it runs at once and nothing is queued.
+/// Runs a callable on the thread of the queue's loop and waits for its result, without a time
+/// limit. Inside that loop, for example in a handler, the callable runs at once.
 ///
 /// Returns without a result as soon as it is certain that the callable will not run: the queue has
-/// refused it or has destroyed it, see Run(), EVENT_EXIT_TASK has quit the loop, or the queue is a
-/// task whose set-up or thread has failed or whose t_Main() has returned. On a queue whose loop
-/// does not run for another reason that takes until Final(); on one that is destructed without
-/// Final(), or whose t_Clear() does not pass the id on to TCEventIO, for ever. So it must not be
-/// called where the loop is waited for: by the thread of the loop while that does not run (a task's
-/// Init() and t_Create()), in a t_Clear(), and by two queues for each other.
+/// refused or destroyed it, see Run(); EVENT_EXIT_TASK has quit the loop; or the queue is a task
+/// whose set-up or thread has failed or whose t_Main() has returned. If the loop does not run for
+/// another reason, this blocks until Final(). It blocks for ever if the queue is destructed without
+/// Final(), or if t_Clear() of the queue does not pass the id on to TCEventIO.
 ///
-/// @param queue may be null, which gives no result; outlives the call
-/// @param callable anything that is called without arguments; it stays the caller's, and nothing
+/// So do not call it where the loop waits for the caller: on the loop's thread while the loop does
+/// not run (Init() and t_Create() of a task), or in t_Clear(). Nor may the threads of two queues
+/// call it for each other at the same time.
+/// @param queue must outlive the call; null gives no result
+/// @param callable anything that can be called without arguments; stays the caller's, and nothing
 ///                 touches it after the return
-/// @return std::optional with a copy of what the callable has returned, or empty; for a callable
-///         that returns nothing, bool: whether it has run
+/// @return a std::optional with a copy of what the callable has returned, or empty. For a callable
+///         that returns nothing: bool, true if it has run.
 /// @throw whatever the callable has thrown
 template <typename Callable>
 auto RunAndWait(TCEventIO* queue, Callable&& callable)
@@ -88,15 +76,10 @@ auto RunAndWait(TCEventIO* queue, Callable&& callable)
     using Outcome = std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>>;
     std::packaged_task<Result()> task([&] { return std::invoke(callable); });
     bool begun = false;
-    const auto call = [&] {
+    Internal::RunAndAwait(queue, [&] {
         begun = true;
         task();
-    };
-    if (queue != nullptr && Internal::QueueThread::IsCurrent(*queue)) {
-        call();
-    } else {
-        Internal::RunAndAwait(queue, call);
-    }
+    });
     if (!begun) {
         return Outcome();
     }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// @file
 /// A server or a task that is open for as long as a scope.
 #pragma once
@@ -11,18 +12,19 @@
 
 namespace Velmora {
 
-/// Makes and creates an object of a class that is a TCServer, a TCTask or both, and at the end of
-/// the scope closes it in the right order while its class is still whole:
+/// Keeps an object open for a scope. The class is a TCServer, a TCTask or both.
 ///
-/// 1. CloseDBusServer(): nothing new arrives, what was sent has left.
-/// 2. AwaitHooks(): no hook runs on another thread, and none starts; moved messages that were not
-///    handled have got the error reply, and every answer has left the process.
+/// The scope constructs the object, creates the task, so that the first message finds its queue,
+/// and then the server. When the scope ends, it closes the object in the right order, before any
+/// destructor of the class runs:
+///
+/// 1. TCServer::CloseDBusServer(): nothing new arrives, and what was sent has left.
+/// 2. TCServer::AwaitHooks(): no hook runs on another thread, and every reply has left the process.
 /// 3. TCTask::Destroy(): what is queued is dispatched.
-/// 4. The object is destroyed. Its destructor has nothing to close, and no other thread is in it.
+/// 4. The object is destroyed. No other thread is inside it.
 ///
-/// The task is created before the server, so that the first message finds its queue. The rules of
-/// both classes hold: a scope neither begins nor ends inside a hook of its object nor on its task's
-/// thread, and what the hooks use lives longer, that is, is declared before it.
+/// The rules of both classes apply: do not begin or end a scope inside a hook of its object or on
+/// its task's thread, and declare what the hooks use before it, so that it lives longer.
 ///
 /// ~~~{.cpp}
 /// TCScope<Worker> worker(argument);
@@ -36,11 +38,11 @@ class TCScope
 {
     static constexpr bool kIsServer = std::is_base_of_v<TCServer, T>;
     static constexpr bool kIsTask = std::is_base_of_v<TCTask, T>;
-    static_assert(kIsServer || kIsTask, "only a server or a task is created and closed");
+    static_assert(kIsServer || kIsTask, "TCScope is for servers and tasks");
 
 public:
-    /// Blocks as TCServer::CreateDBusServer() does. The thread of a task gets its queue's name.
-    /// @param arguments for the constructor of T
+    /// Blocks like TCServer::CreateDBusServer(). The thread of a task is named after its queue.
+    /// @param arguments passed to the constructor of T
     template <typename... Arguments>
     explicit TCScope(Arguments&&... arguments)
         : TCScope(Constructed(), std::forward<Arguments>(arguments)...)
@@ -60,8 +62,8 @@ public:
     TCScope(const TCScope&) = delete;
     TCScope& operator=(const TCScope&) = delete;
 
-    /// @return whether the task was started and the server is open, as their creates have told.
-    ///         What a failed one leaves is released at the end of the scope.
+    /// @return whether the task was started and the server is open, as returned by their creates.
+    ///         The end of the scope releases what a failed create leaves.
     explicit operator bool() const { return m_Created; }
 
     /// @return the object, open or not
@@ -77,16 +79,10 @@ private:
         : m_Object(std::forward<Arguments>(arguments)...)
     {}
 
-    // Never made: only reaches what a task keeps for its subclasses.
-    struct TaskName : TCTask
-    {
-        static const char* Of(const TCTask& task) { return (task.*&TaskName::m_Name).c_str(); }
-    };
-
     bool m_Create()
     {
         if constexpr (kIsTask) {
-            if (!m_Object.TCTask::Create(TaskName::Of(m_Object))) {
+            if (!m_Object.TCTask::Create(Internal::QueueName(m_Object))) {
                 return false;
             }
         }

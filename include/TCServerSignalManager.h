@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// @file
 /// The table of the signal subscriptions of one server.
 #pragma once
@@ -8,38 +9,36 @@
 #include <string>
 #include <vector>
 
+#include "SennetApi.h"
 #include "TCMessage.h"
-
-#pragma GCC visibility push(default)
 
 namespace Velmora {
 
-/// A client's function for a signal. Runs on the bus dispatch thread (see TCServer) with no lock of
-/// the library held, and may call into the library.
-/// @param from the service name that the sender has put into the signal; null if the body had no
-///             known shape. It is the sender's own claim.
+/// A client's function for a signal. Runs on the bus dispatch thread (see TCServer) while the
+/// library holds no lock, and may call the library. The pointers are valid during the call only.
+/// @param from the service name that the sender claims; null for a body of an unknown shape
 /// @param signalName the name of the signal
-/// @param message what came with it; as the two texts, valid during the call only
-/// @param userData what was given to TCServer::SubscribeSignal()
+/// @param message what was sent with it
+/// @param userData as passed to TCServer::SubscribeSignal()
 using TCSignalCallback = void (*)(const char* from, const char* signalName, TCMessage* message,
                                   void* userData);
 
 /// One subscription.
 struct STSignalControl
 {
-    std::string m_SignalName;      ///< as the client gave it
+    std::string m_SignalName;      ///< as passed by the client
     TCSignalCallback m_Callback;   ///< may be null
-    void* m_UserData;              ///< handed back to the callback
+    void* m_UserData;              ///< passed to the callback
     unsigned int m_SubscriptionId; ///< of GDBus
 };
 
-/// The subscriptions of a server by their keys: the sender's bus name, "." and the signal's name,
-/// or the signal's name alone for one from anyone. Every operation may be called on any thread: the
-/// table guards itself, and calls nobody.
-class __attribute__((visibility("default"))) TCServerSignalManager
+/// The signal subscriptions of one server. The key of a subscription is the sender's bus name, "."
+/// and the signal's name; for any sender, only the signal's name. Every operation may be called on
+/// any thread.
+class SENNET_API TCServerSignalManager
 {
 public:
-    /// All subscriptions are of the one kind there is.
+    /// The kinds of subscription; there is only one.
     enum TCSignalType { SIGNAL_TYPE_NATIVE = 0 };
 
     TCServerSignalManager() = default;
@@ -49,36 +48,34 @@ public:
     /// Empties the table.
     void Init();
 
-    /// @return whether the key stands in the table
+    /// @return whether the table has the key
     bool IfSignalSubscribed(TCSignalType type, const std::string& key) const;
 
-    /// Stores a record under the key, in place of one that stands there.
+    /// Stores a record under the key; replaces an earlier one.
     void SubscribeNativeSignal(const std::string& key, const std::string& signalName,
                                TCSignalCallback callback, void* userData, unsigned int id);
 
     /// Removes the record of a key.
-    /// @param type the one there is
-    /// @param key as given when it was subscribed
+    /// @param type ignored
+    /// @param key as in SubscribeNativeSignal()
     /// @param id receives the subscription's id, if there was one
     /// @return false if the key is unknown
     bool UnsubscribeSignal(TCSignalType type, const std::string& key, unsigned int& id);
 
-    /// Finds what a signal is to be given to: the record of the key, else that of the signal name,
-    /// so that a subscription to one sender comes before one to anyone.
+    /// Finds the callback for a signal. A subscription to one sender (the key) comes before one to
+    /// any sender (the signal's name).
     /// @return false, with a debug line, if there is neither
     bool GetHandlerForNativeSignal(const std::string& signalName, const std::string& key,
                                    TCSignalCallback& callback, void*& userData) const;
 
     /// Empties the table.
-    /// @param ids receives the ids of all subscriptions in the order of their keys, in place of
-    ///            what it held
+    /// @param ids receives the ids of all subscriptions, in the order of their keys; its earlier
+    ///            content is lost
     void Destroy(std::vector<unsigned int>& ids);
 
 private:
-    std::map<std::string, std::unique_ptr<STSignalControl>> m_SignalTable; ///< under #m_TableMutex
+    std::map<std::string, std::unique_ptr<STSignalControl>> m_SignalTable; // under m_TableMutex
     mutable std::mutex m_TableMutex;
 };
 
 } // namespace Velmora
-
-#pragma GCC visibility pop

@@ -1,5 +1,6 @@
+// SPDX-License-Identifier: MIT
 /// @file
-/// A worker thread with a main loop of its own.
+/// A worker thread with its own main loop.
 #pragma once
 
 #include <atomic>
@@ -8,108 +9,107 @@
 
 #include "TCEventIO.h"
 
-#pragma GCC visibility push(default)
-
 namespace Velmora {
 
-/// A thread with a GLib main context, a main loop and an event queue, which is the task itself.
+/// A thread with its own GLib main context, main loop and event queue; the task is the queue.
 ///
-/// Order of use: construct; AddIO() for further objects that the task is to drive; Create(); send
-/// events; Destroy(); destruct. One Destroy() goes with one Create(), also when the task has ended
-/// by itself, and the task may be created anew afterwards, its IOs added anew. The destructor stops
-/// nothing: destroying a running task is an error of the caller.
+/// Order of use: construct; AddIO() for further objects that the task drives; Create(); send
+/// events; Destroy(); destruct. Call Destroy() once for each Create(), even if the task has ended
+/// by itself. Then the task may be created again, and its IOs must be added again. The destructor
+/// does not stop anything: do not destruct a running task.
 ///
-/// The task does not make its context thread-default. Sources of the client's own are attached to
-/// #m_Context.
+/// The task does not make its context thread-default. Attach your own sources to #m_Context.
 ///
-/// To end a task from its own thread, send it EVENT_EXIT_TASK. What was queued before is still
-/// dispatched; what comes behind is cleared. Another thread still calls Destroy().
-class __attribute__((visibility("default"))) TCTask : public TCEventIO
+/// To end a task from its own thread, send it EVENT_EXIT_TASK. What was queued before it is still
+/// dispatched; what was queued after it is cleared. Another thread must still call Destroy().
+class SENNET_API TCTask : public TCEventIO
 {
 public:
     /// @param name the name of the queue, for log lines
     explicit TCTask(const char* name);
     ~TCTask() override;
 
-    /// Starts the thread, on the owner's thread. A second call before Destroy() is refused.
+    /// Starts the thread. Call this on the thread that owns the task. A second call before
+    /// Destroy() fails.
     ///
-    /// After a call that failed, IOs that were added before it count as added for the next call,
-    /// which finalises what the failed one had initialised and starts afresh. They live until then,
-    /// or until the task's destructor, which does not touch them; receivers of events that the
-    /// queue has accepted live until it has cleared them there. A subclass whose own t_Clear() is
-    /// to see these calls Final() in its destructor.
+    /// After a failed call, the IOs that were added before it stay added. The next call first
+    /// finalises what was initialised, then starts over. These IOs must live until then or, if
+    /// there is no next call, until the task is destructed; the destructor does not touch them.
+    /// Accepted events stay queued, and their receivers must live, until the next call or the
+    /// destructor clears them. The destructor can no longer call the t_Clear() of a subclass: if
+    /// that must see these events, call Final() in the destructor of the subclass.
     /// @param name the thread's name; may be null
     /// @param here true: the set-up (t_AddIO(), every Init(), t_Create()) runs on the calling
-    ///             thread and is over when the call returns; its failure is the result, and after
-    ///             true the queue accepts events. False: it runs on the new thread; its failure
-    ///             ends the thread and is not reported, and events sent before its end may be
-    ///             refused.
+    ///             thread and is complete when the call returns. The call returns false if it
+    ///             fails; after true, the queue accepts events.
+    ///             False: the set-up runs on the new thread. A failure ends that thread and is not
+    ///             reported. Events sent before the end of the set-up may be refused.
     /// @param unused has no effect
-    /// @return true when the thread was started
+    /// @return true if the thread was started
     bool Create(const char* name, bool here = true, unsigned long unused = 0);
 
-    /// Ends the task and waits for its thread: sends EVENT_EXIT_TASK, so that what is queued is
-    /// dispatched first. The event is sent again if it is lost on its way; a subclass that keeps it
-    /// from the base class has to quit the loop itself.
+    /// Ends the task and waits for its thread. Sends EVENT_EXIT_TASK, so that what is queued is
+    /// dispatched first, and sends it again if it is lost. A subclass that does not pass the event
+    /// on to the base class must quit the loop itself.
     ///
-    /// May be called on any thread but the task's own, where it writes an error line and does
-    /// nothing; calls from two threads wait for each other. After Create() with `here` false it
-    /// waits for a set-up that is still running. With true it must not overlap with Create(): the
-    /// thread that this starts would not be joined.
+    /// Any thread may call this except the task's own, where it writes an error line and does
+    /// nothing. Of two calls at once, the second waits for the first. After Create() with `here`
+    /// false, it waits for a set-up that is still running. With `here` true, it must not overlap
+    /// with Create(): the thread that Create() starts would not be joined.
     void Destroy();
 
-    /// Adds an object that gets Init() when the task is set up and Final() when it ends, both in
-    /// the order of adding. To be called before Create(), or from t_AddIO().
-    /// @param io not owned; lives until Destroy() has returned
+    /// Adds an object that gets Init() in the set-up of the task and Final() at its end, both in
+    /// the order of adding. Call this before Create() or in t_AddIO().
+    /// @param io not owned; must live until Destroy() has returned
     void AddIO(TCIOBase* io);
+
+    /// @cond internal
+    struct Private; // the library's own operations, in src/
+    /// @endcond
 
 protected:
     /// For subclasses: the place to call AddIO(). Runs in the set-up, after the task has added
     /// itself.
     virtual void t_AddIO();
 
-    /// For subclasses: the end of the set-up, after every Init().
-    /// @return false fails the set-up
+    /// For subclasses: the last step of the set-up, after every Init().
+    /// @return false makes the set-up fail
     virtual bool t_Create();
 
-    /// Runs the loop on the task's thread. An override runs #m_TaskLoop itself; the tear-down
-    /// follows when it returns. An EVENT_EXIT_TASK that is dispatched before the loop runs has no
-    /// effect (g_main_loop_quit), so the override does not iterate #m_Context before.
+    /// Runs the loop on the task's thread. An override must run #m_TaskLoop; when it returns, the
+    /// task ends. An EVENT_EXIT_TASK that is dispatched before the loop runs has no effect (see
+    /// g_main_loop_quit), so an override must not iterate #m_Context before it runs the loop.
     virtual void t_Main();
 
-    /// For subclasses: the task's last word, on its thread, after every Final() and before the loop
+    /// For subclasses: the last step on the task's thread, after every Final() and before the loop
     /// and the context are released.
     virtual void t_Destroy();
 
     /// @cond internal
     bool m_NewThread(const char* name, unsigned long unused, bool here);
     bool m_InitMainLoop();
-    static void* m_ThreadProcess(void* task);
+    static void* m_ThreadProcess(void* data);
     void m_Destroy();
     /// @endcond
 
     std::atomic<GThread*> m_Thread{nullptr};     ///< null when there is no thread to join
-    GList* m_IOList = nullptr;                   ///< of the thread that sets up, then of the task's
+    GList* m_IOList = nullptr;                   ///< used by the thread that sets up, then the task
     GMainContext* m_Context = nullptr;           ///< owned; released under the state lock
     std::atomic<GMainLoop*> m_TaskLoop{nullptr}; ///< owned; released under the state lock
 
 private:
-    class [[gnu::visibility("hidden")]] FailedSetupMark;
-
-    [[gnu::visibility("hidden")]] bool m_StartThread(const char* name, bool isSetUp,
-                                                     GError** error);
-    [[gnu::visibility("hidden")]] void m_DropFailedSetup();
-    [[gnu::visibility("hidden")]] void m_SetSettingUp(bool settingUp);
-    [[gnu::visibility("hidden")]] GMainContext* m_RefContextAfterSetup();
-    [[gnu::visibility("hidden")]] static gboolean m_InsistOnExit(gpointer task);
-
     std::mutex m_DestroyMutex; ///< one Destroy() at a time, and none while the thread is started
     std::mutex m_StateMutex;   ///< guards m_SettingUp, and the loop and context for Destroy()
-    std::condition_variable m_SetupOver; ///< signals the fall of m_SettingUp
+    std::condition_variable m_SetupOver; ///< m_SettingUp has become false
     bool m_SettingUp = false;            ///< the set-up runs on the task's thread
     unsigned int m_StaleIOs = 0;         ///< entries of the list that a failed Create() has left
 };
 
-} // namespace Velmora
+/// @cond internal
+namespace Internal {
+// The name of the task's queue, valid as long as the task.
+SENNET_API const char* QueueName(const TCTask& task);
+} // namespace Internal
+/// @endcond
 
-#pragma GCC visibility pop
+} // namespace Velmora

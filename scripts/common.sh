@@ -1,36 +1,36 @@
-# For the scripts beside this file: `. "$(dirname "$0")/common.sh"`.
+# shellcheck shell=sh
+# SPDX-License-Identifier: MIT
+# Shared by the scripts in this folder, which read it and then run in the root of the project:
+# `. "$(dirname "$(readlink -f "$0")")/common.sh"`
 set -eu
 cd "$(dirname "$(readlink -f "$0")")/.."
 
 say() { printf '== %s\n' "$*"; }
 
-# Installs the Debian packages that are missing.
-need() {
-    missing=
-    for package in "$@"; do
-        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
-            missing="$missing $package"
-    done
-    [ -n "$missing" ] || return 0
-    say "Installing$missing"
-    as_root=
-    if [ "$(id -u)" != 0 ]; then
-        command -v sudo >/dev/null || { say "Install these as root first"; return 1; }
-        as_root=sudo
-    fi
-    $as_root apt-get update -q
-    # shellcheck disable=SC2086 # a list of words each
-    $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends $missing
+# Lists the files of the project that git tracks or would add: project_files [PATTERN...]
+project_files() {
+    git -c safe.directory="$PWD" ls-files --cached --others --exclude-standard -- "$@"
 }
 
-# Configures one preset of CMakePresets.json in build/PRESET.
+# Lists the shell scripts among them: those with a "#!" line, and those that others read.
+shell_scripts() {
+    project_files '*' | while IFS= read -r file; do
+        case $file in
+        *.sh | *.bash) echo "$file" ;;
+        *) head -n 1 "$file" | grep -aq '^#!.*sh$' && echo "$file" ;;
+        esac
+    done || true # the last file may be no script
+}
+
+# Configures a preset of CMakePresets.json in build/PRESET: configure PRESET [OPTION...]
+# SENNET_WERROR=ON turns the warnings of the compiler into errors.
 configure() {
-    need g++ cmake ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev \
-        dbus-daemon systemd libglib2.0-bin dpkg-dev file
-    configured=$(cmake --preset "$1" 2>&1) || { echo "$configured"; return 1; }
+    configured=$(cmake --preset "$@" \
+        -DCMAKE_COMPILE_WARNING_AS_ERROR="${SENNET_WERROR:-OFF}" 2>&1) ||
+        { echo "$configured"; return 1; }
 }
 
-# The same, and builds it, with further arguments for the build.
+# Configures a preset and builds it: build PRESET [OPTION OF THE BUILD...]
 build() {
     preset=$1
     shift

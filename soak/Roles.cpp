@@ -1,10 +1,9 @@
+// SPDX-License-Identifier: MIT
 #include "Roles.h"
 
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <mutex>
@@ -13,8 +12,9 @@
 #include <vector>
 
 #include <malloc.h>
-#include <unistd.h>
 
+#include "LoopThread.h"
+#include "ProcessState.h"
 #include "sennet.h"
 
 namespace Soak {
@@ -27,7 +27,7 @@ constexpr char kService[] = "soak.service";
 constexpr char kRival[] = "soak.rival";
 constexpr char kTick[] = "tick";
 constexpr char kTock[] = "tock";
-constexpr int kOutstanding = 32; // replies: a bus allows 128 a connection
+constexpr int kOutstanding = 32; // pending replies; a bus allows 128 per connection
 
 Counts g_Counts;
 std::atomic<bool> g_Over{false};
@@ -35,7 +35,7 @@ std::atomic<bool> g_Over{false};
 TCMessage Message(unsigned int number)
 {
     TCMessage message;
-    message.m_Json["number"] = static_cast<int>(number); // as a reader has it
+    message.m_Json["number"] = static_cast<int>(number); // the type that the JSON reader uses, too
     message.m_Code = number;
     message.m_Type = "soak";
     const std::vector<unsigned char> bytes(number % 4 == 0 ? number % 3000 : 0, 's');
@@ -52,7 +52,7 @@ bool IsEcho(const TCMessage& sent, const TCMessage& answer)
            (size == 0 || std::memcmp(bytes, sentBytes, size) == 0);
 }
 
-// Counts events up and lets others wait for them.
+// A counter that threads can wait for.
 class Tally
 {
 public:
@@ -62,7 +62,7 @@ public:
         m_Value += change;
         m_Changed.notify_all();
     }
-    // False if it takes a minute.
+    // Returns false after a minute.
     bool AwaitAtMost(int value)
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
@@ -75,7 +75,7 @@ private:
     int m_Value = 0;
 };
 
-// Echoes messages on its own thread and ticks without a pause.
+// Echoes messages on its own thread and sends a tick every 5 ms.
 class Service : public TCServer, public TCTask
 {
 public:
@@ -124,10 +124,11 @@ private:
     }
 
     TCAlarm m_Alarm;
-    unsigned int m_Ticks = 0; // of the task's thread
+    unsigned int m_Ticks = 0; // used on the task's thread only
 };
 
-// Calls the service from two threads, follows its ticks, and comes and goes among the listeners.
+// Calls the service from two threads, checks its ticks, and subscribes and unsubscribes all the
+// time.
 class Client : public TCServer
 {
 public:
@@ -155,7 +156,7 @@ public:
         return true;
     }
 
-    // While the main loop still runs, which brings the replies.
+    // Call this while the main loop still runs, since it delivers the replies.
     void Finish()
     {
         for (auto& thread : m_Threads) {
@@ -208,7 +209,7 @@ private:
         UnSubscribeSignal(kService, kTock);
         const TCMessage message = Message(1);
         TCMessage answer;
-        SendMessage(kRival, &message, true, &answer, 500); // whoever has the name, if anyone
+        SendMessage(kRival, &message, true, &answer, 500); // some process may own this name
     }
     static void Follow(const char* /*from*/, const char* /*signal*/, TCMessage* message, void* self)
     {
@@ -220,11 +221,11 @@ private:
     }
 
     Tally m_Outstanding;
-    std::uint64_t m_LastTick = 0; // of the dispatch thread
+    std::uint64_t m_LastTick = 0; // used on the dispatch thread only
     std::vector<std::thread> m_Threads;
 };
 
-// Lives for a moment: gets a message by each of the three routes.
+// Lives for a moment, and gets a message by each of the three routes.
 class Mayfly : public TCServer, public TCTask
 {
 public:
@@ -283,7 +284,7 @@ private:
     Tally m_Expected;
 };
 
-// Takes its name from a process that does the same, and loses it again.
+// Takes its name from another process that does the same, and loses it to that one.
 void BeRival()
 {
     TCServer rival(kRival, TCServer::SERVER_TYPE_SERVICE);
@@ -296,45 +297,24 @@ void BeRival()
     rival.CloseDBusServer();
 }
 
-std::ptrdiff_t Entries(const char* folder)
-{
-    const std::filesystem::directory_iterator all(folder);
-    return std::distance(begin(all), end(all));
-}
-
-long Memory()
-{
-    malloc_trim(0); // what was freed is no growth
-    long size = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-// Reports on demand while the main loop runs; then has the work finished and ends the loop.
+// Reports on demand while the main loop runs on another thread, then ends the work.
 int RunLoop(const std::function<void()>& finish)
 {
-    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
-    std::thread reporter([loop, &finish] {
+    {
+        const Support::LoopThread dispatcher;
         for (std::string line; std::getline(std::cin, line);) {
-            std::printf("%llu %llu %llu %ld %td %td\n",
+            malloc_trim(0); // freed memory is not growth
+            std::printf("%llu %llu %llu %ld %td %s\n",
                         static_cast<unsigned long long>(g_Counts.sent),
                         static_cast<unsigned long long>(g_Counts.lost),
-                        static_cast<unsigned long long>(g_Counts.refused), Memory(),
-                        Entries("/proc/self/fd"), Entries("/proc/self/task"));
+                        static_cast<unsigned long long>(g_Counts.refused),
+                        Support::ResidentKiB("self"), Support::OpenDescriptors("self"),
+                        Support::Status("/proc/self", "Threads:").c_str());
             std::fflush(stdout);
         }
         g_Over = true;
         finish();
-        g_idle_add( // and not from here: a quit before the loop runs would be lost
-            [](gpointer running) -> gboolean {
-                g_main_loop_quit(static_cast<GMainLoop*>(running));
-                return G_SOURCE_REMOVE;
-            },
-            loop);
-    });
-    g_main_loop_run(loop);
-    reporter.join();
-    g_main_loop_unref(loop);
+    }
     return g_Counts.lost == 0 ? 0 : 1;
 }
 

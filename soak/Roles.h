@@ -1,4 +1,5 @@
-// The processes of the soak, each of them kept busy until its standard input ends.
+// SPDX-License-Identifier: MIT
+// The processes of the soak. Each works until its standard input ends.
 #pragma once
 
 #include <atomic>
@@ -6,16 +7,16 @@
 
 namespace Soak {
 
-// What a process has to tell so far.
+// What a process has counted so far.
 struct Counts
 {
-    std::atomic<std::uint64_t> sent{0};    // sends that were accepted, and sync ones answered
-    std::atomic<std::uint64_t> lost{0};    // accepted, and never arrived or answered wrongly
-    std::atomic<std::uint64_t> refused{0}; // sends that were not accepted
+    std::atomic<std::uint64_t> sent{0}; // accepted sends; a synchronous one also got its reply
+    std::atomic<std::uint64_t> lost{0}; // accepted sends that did not arrive or got a wrong reply
+    std::atomic<std::uint64_t> refused{0}; // rejected sends
 };
 
-// Runs the role that has the name and reports for each line on standard input: counts, memory in
-// KiB, descriptors, threads. Returns the exit code.
+// Runs the role with this name. For each line on standard input it prints the counts, memory in
+// KiB, descriptors and threads. Returns the exit code.
 int RunRole(const char* name);
 
 } // namespace Soak

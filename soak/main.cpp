@@ -1,5 +1,6 @@
-// Keeps processes on a bus busy for a time and watches them: soak MINUTES. Exits with 1 when a
-// message is lost, a process ends early, or one of them grows.
+// SPDX-License-Identifier: MIT
+// Keeps processes on a bus busy and watches them: sennet-soak MINUTES. Exits with 1 when a message
+// is lost, or when a process ends early or grows.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -8,14 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include <gio/gio.h>
-
+#include "ChildProcess.h"
 #include "Roles.h"
 
 namespace {
 
+using Velmora::Internal::Releaser;
+
 constexpr int kTenths = 10;
-constexpr int kWarmUp = 3; // tenths, after which nothing grows any more
+constexpr int kWarmUp = 3; // tenths; after them nothing may grow
 
 struct Report
 {
@@ -29,58 +31,48 @@ class Process
 public:
     explicit Process(std::string role)
         : m_Role(std::move(role)),
-          m_Process(g_subprocess_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
-                                                                   G_SUBPROCESS_FLAGS_STDOUT_PIPE),
-                                     nullptr, "/proc/self/exe", m_Role.c_str(), nullptr)),
-          m_Output(g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_Process)))
+          m_Process({"/proc/self/exe", m_Role.c_str()},
+                    static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
+                                                  G_SUBPROCESS_FLAGS_STDOUT_PIPE)),
+          m_Output(g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_Process.Get())))
     {}
-    ~Process()
-    {
-        g_subprocess_force_exit(m_Process);
-        g_subprocess_wait(m_Process, nullptr, nullptr);
-        g_object_unref(m_Output);
-        g_object_unref(m_Process);
-    }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
 
     const std::string& Role() const { return m_Role; }
 
-    // False if it does not answer.
+    // Returns false if the process does not answer.
     bool Ask(Report& report)
     {
-        GOutputStream* const input = g_subprocess_get_stdin_pipe(m_Process);
+        GOutputStream* const input = g_subprocess_get_stdin_pipe(m_Process.Get());
         g_output_stream_write_all(input, "\n", 1, nullptr, nullptr, nullptr);
-        char* const line = g_data_input_stream_read_line(m_Output, nullptr, nullptr, nullptr);
-        const bool answered =
-            line != nullptr &&
-            std::sscanf(line, "%llu %llu %llu %ld %d %d", &report.sent, &report.lost,
-                        &report.refused, &report.memory, &report.descriptors, &report.threads) == 6;
-        g_free(line);
-        return answered;
+        const std::unique_ptr<char, Releaser<g_free>> line(
+            g_data_input_stream_read_line(m_Output.get(), nullptr, nullptr, nullptr));
+        return line != nullptr && std::sscanf(line.get(), "%llu %llu %llu %ld %d %d", &report.sent,
+                                              &report.lost, &report.refused, &report.memory,
+                                              &report.descriptors, &report.threads) == 6;
     }
 
-    // Lets it come to its end; false if that was not a good one.
+    // Ends the process. Returns false if it failed.
     bool Finish()
     {
-        g_output_stream_close(g_subprocess_get_stdin_pipe(m_Process), nullptr, nullptr);
-        return g_subprocess_wait_check(m_Process, nullptr, nullptr) != 0;
+        g_output_stream_close(g_subprocess_get_stdin_pipe(m_Process.Get()), nullptr, nullptr);
+        return m_Process.EndsWell();
     }
 
 private:
     std::string m_Role;
-    GSubprocess* m_Process;
-    GDataInputStream* m_Output;
+    Support::ChildProcess m_Process;
+    std::unique_ptr<GDataInputStream, Releaser<g_object_unref>> m_Output;
 };
 
 bool HasGrown(const Report& before, const Report& now)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    constexpr long slack = G_MAXINT32; // these keep memory of their own
+    constexpr long slack = G_MAXINT32; // sanitizers keep memory
 #else
-    constexpr long slack = 16384; // KiB; a leak of a few bytes a message is more within minutes
+    constexpr long slack =
+        16384; // KiB; within minutes, a leak of a few bytes per message is more than this
 #endif
-    // What allocators and thread pools keep for later use comes and goes.
+    // Allocators and thread pools keep some memory, descriptors and threads for later use.
     return now.memory > before.memory + before.memory / 5 + slack ||
            now.descriptors > before.descriptors + 8 || now.threads > before.threads + 4;
 }
@@ -96,7 +88,7 @@ int RunAll(double minutes)
     std::printf("%7s |%12s |%6s |%8s |%10s |%12s |%8s\n", "minute", "sent", "lost", "refused",
                 "KiB", "descriptors", "threads");
     for (int tenth = 1; tenth <= kTenths; ++tenth) {
-        const auto mortal = std::make_unique<Process>("client"); // killed in the middle of its work
+        const auto mortal = std::make_unique<Process>("client"); // killed while it works
         g_usleep(static_cast<gulong>(minutes * 60e6 / kTenths));
         Report sum;
         for (std::size_t i = 0; i < processes.size(); ++i) {
@@ -128,8 +120,8 @@ int RunAll(double minutes)
         good = good && sum.lost == 0;
     }
     for (auto process = processes.rbegin(); process != processes.rend(); ++process) {
-        if (!(*process)->Finish()) { // clients before their service
-            std::printf("FAILED: a %s has not come to a good end\n", (*process)->Role().c_str());
+        if (!(*process)->Finish()) { // the clients before their service
+            std::printf("FAILED: a %s has failed at its end\n", (*process)->Role().c_str());
             good = false;
         }
     }

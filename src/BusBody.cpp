@@ -1,7 +1,10 @@
+// SPDX-License-Identifier: MIT
 #include "BusBody.h"
 
-#include "JsonText.h"
-#include "TCServerHelper.h"
+#include <cstring>
+
+#include "Json.h"
+#include "TCLog.h"
 
 namespace Velmora::Internal {
 
@@ -12,37 +15,7 @@ constexpr std::uint64_t kMaxArray = 64U << 20U; // D-Bus protocol, "Marshaling"
 
 constexpr char kErrorText[] = R"({"dbus_result":"fail","errmsg":"error handling"})";
 
-// "a*" is no signature of D-Bus but GVariant's type of any array, which GDBus compares bodies with.
-constexpr char kXml[] = "<node>"
-                        "    <interface name='%s'>"
-                        "       <method name='SendMessage'>"
-                        "          <arg type='s' name='from' direction='in'/>"
-                        "          <arg type='u' name='code' direction='in'/>"
-                        "          <arg type='s' name='type' direction='in'/>"
-                        "          <arg type='s' name='message' direction='in'/>"
-                        "          <arg type='s' name='from' direction='out'/>"
-                        "          <arg type='u' name='code' direction='out'/>"
-                        "          <arg type='s' name='type' direction='out'/>"
-                        "          <arg type='s' name='message' direction='out'/>"
-                        "          <arg type='a*' name='buffer' direction='out'/>"
-                        "       </method>"
-                        "       <method name='SendMessageWithBuffer'>"
-                        "          <arg type='s' name='from' direction='in'/>"
-                        "          <arg type='u' name='code' direction='in'/>"
-                        "          <arg type='s' name='type' direction='in'/>"
-                        "          <arg type='s' name='message' direction='in'/>"
-                        "          <arg type='a*' name='buffer' direction='in'/>"
-                        "          <arg type='s' name='from' direction='out'/>"
-                        "          <arg type='u' name='code' direction='out'/>"
-                        "          <arg type='s' name='type' direction='out'/>"
-                        "         <arg type='s' name='message' direction='out'/>"
-                        "         <arg type='a*' name='buffer' direction='out'/>"
-                        "       </method>"
-                        "    </interface>"
-                        "</node>";
-static_assert(sizeof kXml + kMaxName < 2048);
-
-// As D-Bus marshals them: each structure of one byte starts at a multiple of eight bytes.
+// On the wire, where each structure of one byte starts at a multiple of eight bytes.
 std::uint64_t ArraySize(std::uint64_t bytes)
 {
     return bytes * 8;
@@ -53,8 +26,8 @@ bool IsText(const std::string& text)
     return g_utf8_validate_len(text.data(), text.size(), nullptr) != 0;
 }
 
-// The one copy that a buffer takes on its way out: GDBus keeps a body for a while after it was
-// sent.
+// The only copy of a buffer on its way out. It is needed: GDBus keeps a body for a while after it
+// was sent.
 GVariant* CopyBytes(const void* bytes, std::size_t size)
 {
     void* const copy = g_memdup2(bytes, size);
@@ -62,18 +35,6 @@ GVariant* CopyBytes(const void* bytes, std::size_t size)
 }
 
 } // namespace
-
-const char* const kInterfaceXml = kXml;
-
-bool IsInterfaceName(const std::string& name)
-{
-    return g_dbus_is_interface_name(name.c_str()) != 0;
-}
-
-bool IsMemberName(const std::string& name)
-{
-    return name.size() <= kMaxName && g_dbus_is_member_name(name.c_str()) != 0;
-}
 
 BusBody::BusBody(const std::string& from, const TCMessage& message, Use use)
     : m_From(from), m_Message(message), m_Use(use),
@@ -86,7 +47,7 @@ const char* BusBody::WhyNotCarried() const
     if (!IsText(m_From) || !IsText(m_Message.m_Type) || !IsText(m_Text)) {
         return "a text is not valid UTF-8 or holds a NUL";
     }
-    // What the header, with its names of at most 255 bytes each, and all alignment can take.
+    // An upper bound of the header, whose names have at most 255 bytes each, and of all padding.
     constexpr std::uint64_t rest = 2048;
     const std::uint64_t array = ArraySize(m_Size);
     const std::uint64_t texts = m_From.size() + m_Message.m_Type.size() + m_Text.size();
@@ -112,32 +73,43 @@ GVariant* BuildErrorReply()
     return g_variant_new("(suss@a*)", "", 0U, "", kErrorText, CopyBytes(&noBuffer, 1));
 }
 
-ReceivedBody::ReceivedBody(GVariant* body)
+ParsedBody ParseBody(GVariant* body)
 {
-    char* rawFrom = nullptr;
-    char* rawType = nullptr;
-    char* rawText = nullptr;
-    unsigned char* rawBuffer = nullptr;
-    TCServerHelper::AnalyseServerMsg(body, &rawFrom, &code, &rawType, &rawText, &rawBuffer, &size);
-    from.reset(rawFrom);
-    type.reset(rawType);
-    text.reset(rawText);
-    buffer.reset(rawBuffer);
+    ParsedBody parsed;
+    const char* const shape = g_variant_get_type_string(body);
+    VELMORA_LOGI("%s", shape);
+    guint32 code = 0;
+    if (std::strcmp(shape, "(suss)") == 0) {
+        g_variant_get(body, "(&su&s&s)", &parsed.from, &code, &parsed.type, &parsed.text);
+    } else if (std::strcmp(shape, "(sussa(y))") == 0) {
+        GVariant* array = nullptr;
+        g_variant_get(body, "(&su&s&s@a*)", &parsed.from, &code, &parsed.type, &parsed.text,
+                      &array);
+        parsed.array.reset(array);
+        VELMORA_LOGI("get data of %s", shape);
+        const auto* const bytes = static_cast<const unsigned char*>(g_variant_get_data(array));
+        const gsize size = g_variant_get_size(array);
+        if (size > 1 || (size == 1 && *bytes != 0)) {
+            parsed.buffer = bytes;
+            parsed.size = static_cast<unsigned int>(size);
+        }
+    }
+    parsed.code = code;
+    return parsed;
 }
 
-void ReceivedBody::MoveInto(TCMessage& message)
+void ParsedBody::CopyInto(TCMessage& message) const
 {
-    TCServerHelper::SetTCMessage(&message, text.get(), code, type.get(), buffer.get(), size);
-    text.reset();
-    type.reset();
-    buffer.reset();
-}
-
-std::unique_ptr<char[]> Unpack(GVariant* body, TCMessage& message)
-{
-    ReceivedBody received(body);
-    received.MoveInto(message);
-    return std::move(received.from);
+    if (text != nullptr) {
+        message.SetMessage(text);
+    }
+    message.m_Code = code;
+    if (type != nullptr) {
+        message.m_Type = type;
+    }
+    if (size != 0) {
+        message.SetBuffer(buffer, size);
+    }
 }
 
 } // namespace Velmora::Internal

@@ -1,48 +1,40 @@
-// The bodies of calls, replies and signals, and what the bus can carry.
+// SPDX-License-Identifier: MIT
+// The bodies of calls, replies and signals: built, parsed, and checked against what the bus can
+// carry.
 //
-// Every body is (from, code, type, text), with the buffer as a fifth field where there is one and
-// in every reply. A buffer travels as "a(y)", whose serialised form is the bytes themselves. A
-// reply without a buffer carries the one byte 0 there.
+// Every body is (from, code, type, text), followed by the buffer where there is one and in every
+// reply. A buffer travels as "a(y)", whose serialised form is the bytes themselves. A reply without
+// a buffer carries the one byte 0 there.
 #pragma once
 
-#include <memory>
 #include <string>
 
-#include <gio/gio.h>
+#include <glib.h>
 
 #include "GLibPtr.h"
 #include "TCMessage.h"
 
 namespace Velmora::Internal {
 
-// The literal definition of the interface; "%s" is its name.
-extern const char* const kInterfaceXml;
-
-constexpr std::size_t kMaxName = 255; // D-Bus protocol, "Valid Names"
-
-// What GDBus and the bus check by their own rules, with a critical or the loss of the connection.
-bool IsInterfaceName(const std::string& name);
-bool IsMemberName(const std::string& name);
-
 class BusBody
 {
 public:
     enum class Use {
-        Request, // also a signal: the fifth field stands only where there is a buffer
+        Request, // also a signal: has a fifth field only if there is a buffer
         Reply
     };
 
-    // Its text is that of a copy of the message: the JSON, where there is one. The message must
-    // outlive this object and stay as it is.
+    // The text is the one that a copy of the message has: generated from the JSON, if there is any.
+    // The message must outlive this object and must not change.
     BusBody(const std::string& from, const TCMessage& message, Use use);
 
     bool HasBuffer() const { return m_Size > 0; }
     const std::string& Text() const { return m_Text; }
 
-    // Null if the bus can carry the body, else the reason why not.
+    // Returns null if the bus can carry the body, otherwise the reason.
     const char* WhyNotCarried() const;
 
-    // A floating reference, which GDBus consumes.
+    // Returns a floating reference, which GDBus consumes.
     GVariant* Build() const;
 
 private:
@@ -54,26 +46,26 @@ private:
     unsigned int m_Size = 0;
 };
 
-// Throws nothing: it answers what failed for want of memory, too.
+// Throws nothing, because it is also used when memory has run out. Returns a floating reference.
 GVariant* BuildErrorReply();
 
-// The fields of a body that has arrived; one of an unknown shape has none.
-struct ReceivedBody
+// The fields of a body that has arrived. The pointers are into the body, and null where it does not
+// have the shape given above.
+struct ParsedBody
 {
-    explicit ReceivedBody(GVariant* body);
+    // Copies all but the sender's name. If a field is missing, the message keeps its own.
+    void CopyInto(TCMessage& message) const;
 
-    // All but the sender's name.
-    void MoveInto(TCMessage& message);
-
-    std::unique_ptr<char[]> from; // the sender's service name
+    const char* from = nullptr; // the sender's service name
     unsigned int code = 0;
-    std::unique_ptr<char[]> type;
-    std::unique_ptr<char[]> text;
-    std::unique_ptr<unsigned char[]> buffer;
-    unsigned int size = 0;
+    const char* type = nullptr;
+    const char* text = nullptr;
+    const unsigned char* buffer = nullptr; // null without a buffer
+    unsigned int size = 0;                 // bytes of the buffer
+
+    VariantPtr array; // owns the bytes
 };
 
-// All of a body that has arrived. Returns the sender's service name.
-std::unique_ptr<char[]> Unpack(GVariant* body, TCMessage& message);
+ParsedBody ParseBody(GVariant* body);
 
 } // namespace Velmora::Internal

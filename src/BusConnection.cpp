@@ -1,48 +1,53 @@
+// SPDX-License-Identifier: MIT
 #include "BusConnection.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "IncomingFilter.h"
+#include "BusFilter.h"
+#include "Locks.h"
 #include "TCLog.h"
 
 namespace Velmora::Internal {
 
 namespace {
 
-// Of the handshake; GDBus gives the greeting behind it 25 seconds of its own.
+// For the handshake. The greeting that follows has GDBus's own limit of 25 seconds.
 constexpr std::chrono::seconds kConnectLimit{25};
 constexpr std::chrono::seconds kFlushLimit{5};
 
-// Something that is over when one thread says so, and that others wait for.
-class Ending
+// Happens once, on one thread, while others wait for it.
+class OneTimeEvent
 {
 public:
-    void Tell()
+    void Signal()
     {
-        const std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Over = true;
-        m_Told.notify_all();
+        const Lock lock(m_Mutex);
+        m_Happened = true;
+        m_Signalled.notify_all();
     }
+    // Returns false if it has not happened within the limit.
     bool AwaitFor(std::chrono::seconds limit)
     {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Told.wait_for(lock, limit, [this] { return m_Over; });
+        const auto end = std::chrono::steady_clock::now() + limit;
+        Lock lock(m_Mutex);
+        while (!m_Happened && std::chrono::steady_clock::now() < end) {
+            lock.WaitUntil(m_Signalled, end);
+        }
+        return m_Happened;
     }
 
 private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Told;
-    bool m_Over = false; // guarded by the mutex
+    Mutex m_Mutex;
+    std::condition_variable m_Signalled;
+    bool m_Happened SENNET_THREAD_SAFETY(guarded_by(m_Mutex)) = false;
 };
 
-// Cancels what is done in its scope when that takes too long.
+// Cancels the operation of its scope, which uses the cancellable, if it takes too long.
 class TimeLimit
 {
 public:
@@ -51,12 +56,12 @@ public:
         try {
             m_Thread = std::thread([this, limit] { Watch(limit); });
         } catch (const std::system_error&) {
-            // Without a limit then: GDBus, which needs a thread to connect, cannot do that either.
+            // Without a limit then: GDBus needs a thread to connect, and so fails at once.
         }
     }
     ~TimeLimit()
     {
-        m_ScopeLeft.Tell();
+        m_ScopeLeft.Signal();
         if (m_Thread.joinable()) {
             m_Thread.join();
         }
@@ -76,16 +81,16 @@ private:
     }
 
     std::unique_ptr<GCancellable, Releaser<g_object_unref>> m_Cancellable;
-    Ending m_ScopeLeft;
+    OneTimeEvent m_ScopeLeft;
     std::thread m_Thread;
 };
 
-// The library's own connection, as long as one of its servers holds it. Never destroyed: a server
-// of static storage may be the last one.
+// The library's own connection, while one of its servers holds it. Never destroyed: a server of
+// static storage may be the last one.
 struct OwnConnection
 {
-    std::mutex mutex;
-    GWeakRef connection = {}; // guarded by the mutex
+    Mutex mutex;
+    GWeakRef connection SENNET_THREAD_SAFETY(guarded_by(mutex)) = {};
 };
 
 OwnConnection& TheOwnConnection()
@@ -103,8 +108,22 @@ ConnectionPtr IfOpen(ConnectionPtr connection)
 ConnectionPtr GetOwn()
 {
     auto& own = TheOwnConnection();
-    const std::lock_guard<std::mutex> lock(own.mutex);
+    const Lock lock(own.mutex);
     return IfOpen(ConnectionPtr(static_cast<GDBusConnection*>(g_weak_ref_get(&own.connection))));
+}
+
+// Makes the connection the library's own. If another create was faster, returns that one's.
+ConnectionPtr ShareAsOwn(ConnectionPtr connection)
+{
+    auto& own = TheOwnConnection();
+    const Lock lock(own.mutex); // released before the argument, which may be the last reference
+    ConnectionPtr other =
+        IfOpen(ConnectionPtr(static_cast<GDBusConnection*>(g_weak_ref_get(&own.connection))));
+    if (other) {
+        return other;
+    }
+    g_weak_ref_set(&own.connection, connection.get());
+    return connection;
 }
 
 ConnectionPtr OpenOwn(GCancellable* cancellable, GError** error)
@@ -119,19 +138,7 @@ ConnectionPtr OpenOwn(GCancellable* cancellable, GError** error)
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     ConnectionPtr connection(
         g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, cancellable, error));
-    if (connection) {
-        auto& own = TheOwnConnection();
-        const std::lock_guard<std::mutex> lock(own.mutex);
-        // Another create may have been faster; then its connection is the one, and this one goes.
-        ConnectionPtr other =
-            IfOpen(ConnectionPtr(static_cast<GDBusConnection*>(g_weak_ref_get(&own.connection))));
-        if (other) {
-            std::swap(connection, other);
-        } else {
-            g_weak_ref_set(&own.connection, connection.get());
-        }
-    }
-    return connection;
+    return connection ? ShareAsOwn(std::move(connection)) : nullptr;
 }
 
 void OnLost(GDBusConnection* connection, gboolean /*peerVanished*/, GError* error, void* /*data*/)
@@ -140,35 +147,35 @@ void OnLost(GDBusConnection* connection, gboolean /*peerVanished*/, GError* erro
                  error != nullptr ? error->message : "closed by this process");
 }
 
-// What a connection needs once, however many servers use it.
+// Does what a connection needs once, however many servers use it.
 void MakeReady(GDBusConnection* connection)
 {
     constexpr char ready[] = "sennet-ready";
-    static std::mutex mutex; // two creates at once
+    static Mutex mutex; // for two creates at once
     g_dbus_connection_set_exit_on_close(connection, FALSE);
-    const std::lock_guard<std::mutex> lock(mutex);
+    const Lock lock(mutex);
     auto* const object = G_OBJECT(connection);
     if (g_object_get_data(object, ready) == nullptr) {
         g_object_set_data(object, ready, connection);
         g_signal_connect(connection, "closed", G_CALLBACK(&OnLost), nullptr);
-        AddIncomingFilter(connection);
+        AddBusFilter(connection);
     }
 }
 
 // Null if there is no thread or no memory for it.
-std::shared_ptr<Ending> StartFlush(GDBusConnection* connection)
+std::shared_ptr<OneTimeEvent> StartFlush(GDBusConnection* connection)
 {
-    // g_dbus_connection_flush_sync ignores its cancellable. The thread is not one of those that all
-    // of GIO's tasks share, as with g_dbus_connection_flush: they are few, and a bus that stands
-    // still would keep it. That one's end is told to a main context besides, which nobody may run.
+    // In a thread of its own, since g_dbus_connection_flush_sync ignores its cancellable.
+    // g_dbus_connection_flush would not do: it takes one of the few threads that all of GIO's tasks
+    // share, for as long as the bus is stuck, and reports to a main context that may never run.
     try {
-        auto ending = std::make_shared<Ending>();
+        auto flushed = std::make_shared<OneTimeEvent>();
         ConnectionPtr held(static_cast<GDBusConnection*>(g_object_ref(connection)));
-        std::thread([ending, held = std::move(held)] {
+        std::thread([flushed, held = std::move(held)] {
             g_dbus_connection_flush_sync(held.get(), nullptr, nullptr);
-            ending->Tell();
+            flushed->Signal();
         }).detach();
-        return ending;
+        return flushed;
     } catch (const std::exception&) {
         return nullptr;
     }
@@ -183,8 +190,8 @@ ConnectionPtr ConnectToBus()
     if (!connection) {
         const TimeLimit limit(kConnectLimit);
         connection.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, limit.Get(), &raw));
-        // GDBus hands out the one that the bus has dropped until its last holder, perhaps another
-        // part of the program, has let go of it.
+        // A connection that the bus has dropped is handed out by GDBus until its last holder,
+        // perhaps another part of the program, releases it.
         if (connection && g_dbus_connection_is_closed(connection.get()) != 0) {
             connection = OpenOwn(limit.Get(), &raw);
         }
@@ -203,8 +210,8 @@ ConnectionPtr ConnectToBus()
 
 bool FlushWithinLimit(GDBusConnection* connection)
 {
-    const auto ending = StartFlush(connection);
-    if (ending != nullptr && ending->AwaitFor(kFlushLimit)) {
+    const auto flushed = StartFlush(connection);
+    if (flushed != nullptr && flushed->AwaitFor(kFlushLimit)) {
         return true;
     }
     VELMORA_LOGE("the bus takes nothing: something that was sent is left unsent");
@@ -215,10 +222,11 @@ void HoldUntilDispatched(GDBusConnection* connection, GMainContext* context)
 {
     const auto letGo = [](void* data) {
         const ConnectionPtr held(static_cast<GDBusConnection*>(data));
-        StartFlush(held.get()); // which keeps it meanwhile
+        StartFlush(held.get()); // keeps it meanwhile
     };
     GSource* const source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT); // GDBus's own, so that it comes behind
+    g_source_set_priority(source,
+                          G_PRIORITY_DEFAULT); // as GDBus's own, so that it runs after those
     g_source_set_callback(
         source, [](void*) -> gboolean { return G_SOURCE_REMOVE; }, g_object_ref(connection), letGo);
     g_source_attach(source, context);

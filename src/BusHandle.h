@@ -1,29 +1,30 @@
-// What GDBus holds of a server: one life of it, never its address, which the next server may have.
+// SPDX-License-Identifier: MIT
+// What GDBus holds of a server: one life of it, never its address, which another server may get.
 #pragma once
 
 #include <string>
 #include <utility>
 
+#include "BusFilter.h"
 #include "GLibPtr.h"
-#include "IncomingFilter.h"
-#include "LiveServers.h"
+#include "ServerLife.h"
 
 namespace Velmora::Internal {
 
 // The user data of a callback.
 struct BusHandle
 {
-    explicit BusHandle(Life itsLife) : life(std::move(itsLife)) {}
+    explicit BusHandle(ServerLife itsLife) : life(std::move(itsLife)) {}
     virtual ~BusHandle() = default;
     BusHandle(const BusHandle&) = delete;
     BusHandle& operator=(const BusHandle&) = delete;
 
-    static const Life& LifeOf(void* handle) { return static_cast<BusHandle*>(handle)->life; }
+    static const ServerLife& LifeOf(void* handle) { return static_cast<BusHandle*>(handle)->life; }
 
-    const Life life;
+    const ServerLife life;
 };
 
-// Frees what GDBus gives back where its callbacks run, when none of them uses it any more.
+// GDBus calls it where the callbacks run, when none of them uses the handle any more.
 inline void FreeHandle(void* handle)
 {
     delete static_cast<BusHandle*>(handle);
@@ -31,7 +32,7 @@ inline void FreeHandle(void* handle)
 
 struct SubscriptionHandle : BusHandle
 {
-    SubscriptionHandle(Life itsLife, std::string interfaceName, std::string member)
+    SubscriptionHandle(ServerLife itsLife, std::string interfaceName, std::string member)
         : BusHandle(std::move(itsLife)), m_Plain(std::move(interfaceName), std::move(member))
     {}
 
@@ -41,7 +42,7 @@ private:
 
 struct ObjectHandle : BusHandle
 {
-    ObjectHandle(Life itsLife, std::string path)
+    ObjectHandle(ServerLife itsLife, std::string path)
         : BusHandle(std::move(itsLife)), m_Plain(std::move(path))
     {}
 
@@ -49,17 +50,18 @@ private:
     const NoDescriptors m_Plain;
 };
 
-// GDBus frees the one of a name on the thread that gives up the name, while a callback may just
-// begin on the other one. So it is freed where the callbacks run.
+// GDBus frees the handle of a name on the thread that gives up the name, while a callback may be
+// starting on another thread. So this one frees itself where the callbacks run.
 struct NameHandle : BusHandle
 {
-    explicit NameHandle(Life itsLife)
+    explicit NameHandle(ServerLife itsLife)
         : BusHandle(std::move(itsLife)), m_Context(g_main_context_ref_thread_default())
     {}
 
     static void Free(void* data)
     {
-        // Not held by what is queued on it, so that an abandoned context takes that along.
+        // The source must not hold its own context, so that an abandoned context is freed, and the
+        // source with it.
         const ContextPtr context =
             std::move(static_cast<NameHandle*>(static_cast<BusHandle*>(data))->m_Context);
         GSource* const source = g_idle_source_new();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // RAII types for what the library holds of GLib.
 #pragma once
 
@@ -30,6 +31,5 @@ inline void DestroySource(GSource* source)
     g_source_destroy(source);
     g_source_unref(source);
 }
-using SourcePtr = std::unique_ptr<GSource, Releaser<DestroySource>>;
 
 } // namespace Velmora::Internal

@@ -1,5 +1,6 @@
-// Stands in for the platform's log service where that is not installed. Weak, so that a program
-// which defines __dlog_print itself takes over.
+// SPDX-License-Identifier: MIT
+// The stand-in for the platform's log service, where that is not installed. Weak, so that a program
+// can define __dlog_print itself.
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +25,7 @@ constexpr int kDebug = 3;
 constexpr int kWarning = 5;
 constexpr int kError = 6;
 
-// By priority, from debug on.
+// By priority, beginning with debug.
 constexpr std::string_view kNames[] = {"debug", "info", "warning", "error", "none"};
 constexpr std::string_view kColours[] = {"\033[32m", "\033[37m", "\033[33m", "\033[31m"};
 constexpr char kLetters[] = "DIWE";
@@ -33,11 +34,11 @@ constexpr int kSyslogLevels[] = {7, 6, 4, 3};
 constexpr std::string_view kColourReset = "\033[0m";
 constexpr std::size_t kTagMax = 64;
 
-// A longer write to a pipe may be torn apart by another writer.
+// A longer write to a pipe may be mixed with another writer's.
 constexpr std::size_t kLineMax = PIPE_BUF;
 
-// A service manager tells which stream is the journal's, a socket, by its device and inode. The
-// variable also reaches processes whose standard error is another one by then.
+// The service manager passes the device and the inode of the journal's stream, a socket. Processes
+// whose standard error is another stream inherit the variable as well.
 bool IsJournal()
 {
     static const char* const journal =
@@ -52,7 +53,7 @@ bool IsJournal()
     return std::string_view(stream) == journal;
 }
 
-// Takes the prefix off the text, and says whether it was there.
+// Removes the prefix from the text; returns whether it was there.
 bool Skip(std::string_view& text, std::string_view prefix)
 {
     const bool found = text.substr(0, prefix.size()) == prefix;
@@ -60,8 +61,8 @@ bool Skip(std::string_view& text, std::string_view prefix)
     return found;
 }
 
-// A line as the log macros put it together. The colour of its level and the reset at its end are
-// the only escape sequences that are its writer's own; all other text may come from anybody.
+// The parts of a line of the log macros. The macros write only two escape sequences: the colour of
+// the level, and the reset at the end. All other text may come from anybody.
 struct MacroLine
 {
     MacroLine(std::string_view text, int priority) : place(text)
@@ -78,26 +79,26 @@ struct MacroLine
         rest.remove_prefix(colour.size());
         for (const std::string_view end : {std::string_view("\n"), kColourReset}) {
             if (rest.size() >= end.size() && rest.substr(rest.size() - end.size()) == end) {
-                rest.remove_suffix(end.size()); // a line that was cut has lost it
+                rest.remove_suffix(end.size()); // missing in a line that was cut
             }
         }
         body = rest;
         isEmpty = body.data() + body.size() == named.data();
     }
 
-    std::string_view place; // all of the line if the macros have not made it
+    std::string_view place; // the whole line if it is not from the macros
     std::string_view colour;
     std::string_view body; // from the application name on
-    bool isEmpty = false;  // nothing stands behind the name
+    bool isEmpty = false;  // nothing follows the name
 };
 
-// Whether a terminal would take the character for a command, or show others in another order or on
-// another line.
+// Whether a terminal would take the character for a command, or show other characters in another
+// order or on another line.
 bool IsUnsafe(gunichar character)
 {
     switch (g_unichar_type(character)) {
     case G_UNICODE_CONTROL:
-    case G_UNICODE_FORMAT: // among them those that turn the direction of writing
+    case G_UNICODE_FORMAT: // among them those that change the direction of writing
     case G_UNICODE_LINE_SEPARATOR:
     case G_UNICODE_PARAGRAPH_SEPARATOR:
         return true;
@@ -106,11 +107,11 @@ bool IsUnsafe(gunichar character)
     }
 }
 
-// Puts one line together in a buffer that leaves room for its end.
+// Builds one line in a buffer that keeps room for its end.
 class Line
 {
 public:
-    // As it stands.
+    // Without a change.
     void Add(std::string_view text)
     {
         if (text.size() <= kRoom - m_Size) {
@@ -118,8 +119,8 @@ public:
         }
     }
 
-    // With a blank for every unsafe character, so that no text can forge a second line, or colour
-    // or hide what stands in this one. What does not fit is cut off.
+    // With a blank for each unsafe character, so that no text can forge a second line, or colour or
+    // hide parts of this one. What does not fit is cut off.
     void AddSafely(std::string_view text)
     {
         while (!text.empty()) {
@@ -128,7 +129,7 @@ public:
             std::size_t length = 1;
             if (character <= kLastCharacter) {
                 length = static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data());
-            } else { // no UTF-8: some terminals know the control characters as single bytes
+            } else { // not UTF-8: some terminals take single bytes for control characters
                 character = static_cast<unsigned char>(text[0]);
             }
             if (length > kRoom - m_Size) {
@@ -157,9 +158,8 @@ private:
     std::size_t m_Size = 0; // at most kRoom, until the end
 };
 
-// Keeps a standard error whose reader is gone, or a file at its size limit, from ending the
-// process: the signals of the failed write are blocked and taken back, unless they were pending
-// before.
+// Blocks the signals of a failed write, and takes them back unless they were pending before. A
+// standard error without a reader, or a file at its size limit, would otherwise end the process.
 class WriteSignalsBlocked
 {
 public:
@@ -205,14 +205,13 @@ private:
     const int m_Error = errno;
 };
 
-// The priority is one of the four.
 int WriteLine(int priority, const char* tag, const MacroLine& parts)
 {
     const bool journal = IsJournal();
     const bool colour = !journal && !parts.colour.empty() && isatty(STDERR_FILENO) == 1;
     char number[64];
     Line line;
-    if (journal) { // which reads the syslog level of a line from such a prefix (sd-daemon(3))
+    if (journal) { // it reads the syslog level of a line from such a prefix, see sd-daemon(3)
         std::snprintf(number, sizeof number, "<%d>", kSyslogLevels[priority - kDebug]);
         line.Add(number);
     }
@@ -257,12 +256,10 @@ int ReadThreshold()
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
 extern "C" __attribute__((weak)) int __dlog_print(int /*log_id*/, int priority, const char* tag,
                                                   const char* format, ...)
 {
-    const ErrnoKept kept; // a line between a failed call and a look at errno changes nothing
+    const ErrnoKept kept; // a log line may come before its caller looks at errno
     static const int threshold = ReadThreshold();
     priority = std::min(priority, kError);
     if (priority < threshold || format == nullptr) {
@@ -271,15 +268,14 @@ extern "C" __attribute__((weak)) int __dlog_print(int /*log_id*/, int priority, 
     char text[kLineMax];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false positive
     if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
-        std::snprintf(text, sizeof text, "%s", format); // better than nothing
+        std::snprintf(text, sizeof text, "%s", format); // better than no line
     }
     va_end(arguments);
     const MacroLine parts(text, priority);
-    if (parts.isEmpty && threshold > kDebug) { // it only says that a place was passed
+    if (parts.isEmpty && threshold > kDebug) { // it only shows that a place was reached
         return 0;
     }
     return WriteLine(priority, tag, parts);
 }
-
-#pragma GCC visibility pop

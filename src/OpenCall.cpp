@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "OpenCall.h"
 
 #include <utility>
@@ -24,16 +25,16 @@ GDBusMethodInvocation* Invocation::Release()
     return std::exchange(m_Invocation, nullptr);
 }
 
-std::shared_ptr<OpenCall> OpenCall::Begin(const Life& life, GDBusMethodInvocation* invocation)
+std::shared_ptr<OpenCall> OpenCall::Begin(const ServerLife& life, GDBusMethodInvocation* invocation)
 {
     Invocation unopened(invocation);
     std::shared_ptr<OpenCall> call(new OpenCall(life, unopened));
-    LiveServers::BeginCall(life, call);
+    ServerLives::BeginCall(life, call);
     call->m_Invocation = unopened.Release();
     return call;
 }
 
-OpenCall::OpenCall(Life life, const Invocation& invocation)
+OpenCall::OpenCall(ServerLife life, const Invocation& invocation)
     : m_Life(std::move(life)), m_Connection(static_cast<GDBusConnection*>(g_object_ref(
                                    g_dbus_method_invocation_get_connection(invocation.Get()))))
 {}
@@ -47,10 +48,10 @@ OpenCall::~OpenCall()
 
 void OpenCall::Answered()
 {
-    if (LiveServers::NoteAnswer(m_Life)) {
+    if (ServerLives::NoteAnswer(m_Life)) {
         FlushWithinLimit(m_Connection.get());
     }
-    LiveServers::EndCall(m_Life, this);
+    ServerLives::EndCall(m_Life, this);
 }
 
 bool OpenCall::Fail()
@@ -64,8 +65,8 @@ void OpenCall::FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls)
     const OpenCall* last = nullptr;
     for (const auto& call : calls) {
         if (call->Fail()) {
-            LiveServers::NoteAnswer(call->m_Life);
-            LiveServers::EndCall(call->m_Life, call.get());
+            ServerLives::NoteAnswer(call->m_Life);
+            ServerLives::EndCall(call->m_Life, call.get());
             last = call.get();
         }
     }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A call of the bus between its delivery and its answer.
 #pragma once
 
@@ -8,11 +9,11 @@
 #include <gio/gio.h>
 
 #include "GLibPtr.h"
-#include "LiveServers.h"
+#include "ServerLife.h"
 
 namespace Velmora::Internal {
 
-// An invocation that gets the error reply unless another answer has consumed it.
+// An invocation that gets the error reply unless it was answered or released.
 class Invocation
 {
 public:
@@ -29,37 +30,38 @@ private:
     GDBusMethodInvocation* m_Invocation;
 };
 
-// Every call gets an answer, and the answer leaves the process. GDBus only queues it, and what is
+// Every call gets a reply, and the reply leaves the process. GDBus only queues a reply, and what is
 // queued is lost with the last reference to the connection or with the process. So each call holds
-// the connection, and the last one of a server that has left the bus waits until all is sent,
-// whichever thread that is.
+// the connection, and the last call of a server that has left the bus waits until everything is
+// sent, on whichever thread it ends.
 class OpenCall
 {
 public:
-    // Takes the invocation over, also if it throws.
-    static std::shared_ptr<OpenCall> Begin(const Life& life, GDBusMethodInvocation* invocation);
+    // Takes ownership of the invocation, even if it throws.
+    static std::shared_ptr<OpenCall> Begin(const ServerLife& life,
+                                           GDBusMethodInvocation* invocation);
     ~OpenCall();
     OpenCall(const OpenCall&) = delete;
     OpenCall& operator=(const OpenCall&) = delete;
 
-    const Life& GetLife() const { return m_Life; }
+    const ServerLife& Life() const { return m_Life; }
 
-    // For the one that handles the call: answers the invocation, then tells that by Answered. Null
-    // if the call has got the error reply meanwhile.
+    // For the thread that handles the call: it answers the invocation, then calls Answered().
+    // Returns null if the call has already got the error reply.
     GDBusMethodInvocation* Take() { return m_Invocation.exchange(nullptr); }
     void Answered();
 
-    // Gives the error reply to those that nobody handles, and waits until it has left.
+    // Gives the error reply to the calls that no thread handles, and waits until it has left.
     static void FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls);
 
 private:
     // Returns whether the call has got the error reply.
     bool Fail();
-    OpenCall(Life life, const Invocation& invocation);
+    OpenCall(ServerLife life, const Invocation& invocation);
 
-    const Life m_Life;
+    const ServerLife m_Life;
     const ConnectionPtr m_Connection;
-    // Taken by the thread that handles the call, or by the one that ends the server.
+    // Taken once, by the thread that handles the call or by the one that ends the server.
     std::atomic<GDBusMethodInvocation*> m_Invocation{nullptr};
 };
 

@@ -1,5 +1,6 @@
-// Entries of a queue that are more than the copy of an event. They are told by their types:
-// whatever else an event has, its id and `param.p` above all, is its sender's to choose.
+// SPDX-License-Identifier: MIT
+// Entries of a queue that are more than the copy of an event. They are recognised by their types,
+// because everything else in an event, `id` and `param.p` included, is set by its sender.
 #pragma once
 
 #include <atomic>
@@ -22,7 +23,7 @@ inline bool IsExitEvent(const TCEvent& entry)
     return entry.id == EVENT_EXIT_TASK && typeid(entry) == typeid(ExitEvent);
 }
 
-// A call that a thread waits for until it has run, or until somebody gives it up.
+// A call that a thread waits for until it has run or has been given up.
 class AwaitedCall
 {
 public:

@@ -1,15 +1,16 @@
-// The rendezvous of a synchronous send or a ping: two semaphores on the heap, reached through
-// `param.p` of the event.
+// SPDX-License-Identifier: MIT
+// The rendezvous of a synchronous send or a ping: two semaphores on the heap, which `param.p` of
+// the event points to.
 //
-// The receiving side gives the first one ("handled") and takes the second; the sender takes the
-// first with a limit and gives the second ("left") exactly once, as its last touch. From then on
-// the pair belongs to the receiving side alone, which frees it. A pair that no receiving side has
-// seen is freed by its sender.
+// The receiving side gives the first one ("handled") and takes the second. The sender takes the
+// first, with a timeout, and gives the second ("left") exactly once, as its last touch. From then
+// on only the receiving side uses the pair, and frees it. The sender frees a pair that no receiving
+// side has seen.
 #pragma once
 
 #include <memory>
 
-#include "TCMutex.h"
+#include "TCMutexPrivate.h"
 
 namespace Velmora::Internal {
 
@@ -25,7 +26,7 @@ struct SyncPairRelease
 
 using SyncPairPtr = std::unique_ptr<TCSemaphore[], SyncPairRelease>;
 
-// Null if a semaphore could not be created; what was made is released.
+// Null if a semaphore could not be created.
 inline SyncPairPtr MakeSyncPair()
 {
     SyncPairPtr pair(new TCSemaphore[2]);
@@ -41,10 +42,10 @@ inline void LeaveSyncPair(SyncPairPtr pair)
     pair.release()[1].Give();
 }
 
-// The receiving side's first half: the sender goes on.
+// The receiving side's first half: lets the sender continue.
 inline void AnswerSyncPair(void* pair)
 {
-    static_cast<TCSemaphore*>(pair)[0].m_GiveKept(); // FreeSyncPair of this thread frees it
+    TCSemaphore::Private::GiveKept(static_cast<TCSemaphore*>(pair)[0]); // freed by FreeSyncPair
 }
 
 // The receiving side's second half: waits until the sender has left, then frees the pair.

@@ -1,17 +1,26 @@
+// SPDX-License-Identifier: MIT
 #include "TCAlarm.h"
 
 #include <utility>
 
 #include <time.h>
 
+#include "Check.h"
 #include "GLibPtr.h"
-#include "MutexGuard.h"
+#include "Locks.h"
+#include "TCEventIOPrivate.h"
 
 namespace Velmora {
 
 using namespace Internal;
 
-using Guard = std::lock_guard<std::recursive_mutex>;
+// The alarm's lock is held in each of these.
+struct __attribute__((visibility("hidden"))) TCAlarm::Private
+{
+    static void StartTimer(TCAlarm& alarm);
+    static void StopTimer(TCAlarm& alarm);
+    static gboolean OnTimer(void* data);
+};
 
 namespace {
 
@@ -30,10 +39,11 @@ TCAlarm::~TCAlarm()
 
 bool TCAlarm::Create(TCEventIO* io, unsigned long interval, unsigned long count)
 {
-    // Taken before, and what it replaces released after the alarm's lock: a queue's lock may be
-    // held where a client uses the alarm, and a loop that goes takes the client's sources with it.
-    LoopPtr loop(io != nullptr ? m_RefLoop(*io) : nullptr);
-    const Guard guard(*m_Mutex);
+    // The new loop is taken before the alarm's lock, because a client may use the alarm where it
+    // holds the queue's lock. The replaced one is released after it, because that may destroy the
+    // client's sources.
+    LoopPtr loop(io != nullptr ? TCEventIO::Private::RefLoop(*io) : nullptr);
+    const Lock lock(*m_Mutex);
     if (m_Created) {
         return true;
     }
@@ -47,47 +57,40 @@ bool TCAlarm::Create(TCEventIO* io, unsigned long interval, unsigned long count)
     return true;
 }
 
-// A task takes its loop out of the queue under this lock before it releases it.
-GMainLoop* TCAlarm::m_RefLoop(TCEventIO& io)
-{
-    const MutexGuard guard(io.m_QueueMutex);
-    GMainLoop* const loop = io.m_MainLoop;
-    return loop != nullptr ? g_main_loop_ref(loop) : nullptr;
-}
-
 bool TCAlarm::SetAlarmCallback(TCAlarmCallback callback, void* userData)
 {
-    const Guard guard(*m_Mutex);
+    const Lock lock(*m_Mutex);
     if (!m_Created || callback == nullptr) {
         return false;
     }
     m_Callback = callback;
     m_UserData = userData;
-    m_StopTimer();
-    m_StartTimer();
+    Private::StopTimer(*this);
+    Private::StartTimer(*this);
     return true;
 }
 
 bool TCAlarm::Reset(unsigned long interval, unsigned long count)
 {
-    const Guard guard(*m_Mutex);
+    const Lock lock(*m_Mutex);
     if (m_Callback == nullptr) {
         return false;
     }
-    m_StopTimer();
+    SENNET_CHECK(m_Created);
+    Private::StopTimer(*this);
     m_Interval = interval;
     m_RepeatCount = count;
-    m_StartTimer();
+    Private::StartTimer(*this);
     return true;
 }
 
 void TCAlarm::Destroy()
 {
-    const Guard guard(*m_Mutex);
+    const Lock lock(*m_Mutex);
     if (!m_Created) {
         return;
     }
-    m_StopTimer();
+    Private::StopTimer(*this);
     m_Callback = nullptr;
     m_UserData = nullptr;
     m_Interval = 0;
@@ -95,35 +98,38 @@ void TCAlarm::Destroy()
     m_Created = false;
 }
 
-void TCAlarm::m_StartTimer()
+void TCAlarm::Private::StartTimer(TCAlarm& alarm)
 {
-    if (m_Interval == 0 || m_RepeatCount == 0) {
+    SENNET_CHECK(alarm.m_Created && alarm.m_Callback != nullptr && alarm.m_Source == nullptr);
+    if (alarm.m_Interval == 0 || alarm.m_RepeatCount == 0) {
         return;
     }
-    m_Source = g_timeout_source_new(static_cast<guint>(m_Interval));
-    GMainContext* const context =
-        m_MainLoop != nullptr ? g_main_loop_get_context(m_MainLoop) : g_main_context_default();
-    g_source_set_callback(m_Source, &TCAlarm::m_GSourceFunc, this, nullptr);
-    g_source_attach(m_Source, context);
+    alarm.m_Source = g_timeout_source_new(static_cast<guint>(alarm.m_Interval));
+    GMainContext* const context = alarm.m_MainLoop != nullptr
+                                      ? g_main_loop_get_context(alarm.m_MainLoop)
+                                      : g_main_context_default();
+    g_source_set_callback(alarm.m_Source, &OnTimer, &alarm, nullptr);
+    g_source_attach(alarm.m_Source, context);
 }
 
-void TCAlarm::m_StopTimer()
+void TCAlarm::Private::StopTimer(TCAlarm& alarm)
 {
-    if (m_Source != nullptr) {
-        DestroySource(std::exchange(m_Source, nullptr));
+    if (alarm.m_Source != nullptr) {
+        DestroySource(std::exchange(alarm.m_Source, nullptr));
     }
 }
 
-gboolean TCAlarm::m_GSourceFunc(void* data)
+gboolean TCAlarm::Private::OnTimer(void* data)
 {
     auto* const alarm = static_cast<TCAlarm*>(data);
     if (alarm == nullptr || alarm->m_Mutex == nullptr) {
         return G_SOURCE_REMOVE;
     }
-    const Guard guard(*alarm->m_Mutex);
+    const Lock lock(*alarm->m_Mutex);
     if (alarm->m_Source != g_main_current_source()) {
         return G_SOURCE_REMOVE; // stopped or replaced while this dispatch waited for the lock
     }
+    SENNET_CHECK(alarm->m_Created && alarm->m_Callback != nullptr);
     const bool forEver = alarm->m_RepeatCount == kForEver;
     if (forEver || alarm->m_RepeatCount > 0) {
         if (!forEver) {
@@ -133,7 +139,7 @@ gboolean TCAlarm::m_GSourceFunc(void* data)
             return G_SOURCE_CONTINUE;
         }
     }
-    alarm->m_StopTimer(); // also one that the callback has started before it said no
+    StopTimer(*alarm); // even if the callback has started it before it returned false
     alarm->m_RepeatCount = kForEver;
     return G_SOURCE_REMOVE;
 }

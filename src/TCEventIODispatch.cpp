@@ -1,17 +1,13 @@
-// The loop's side of a queue: the watch on the pipe, and one entry, one byte and one handler in
-// each of its callbacks.
-#include "TCEventIO.h"
-
+// SPDX-License-Identifier: MIT
+// The loop's side of a queue: one entry, one byte and one handler in each callback of the watch.
 #include <memory>
-#include <new>
 #include <utility>
 
-#include <unistd.h>
-
-#include "GLibPtr.h"
-#include "MutexGuard.h"
+#include "Check.h"
+#include "Locks.h"
 #include "QueueEntries.h"
 #include "SyncPair.h"
+#include "TCEventIOPrivate.h"
 
 namespace Velmora {
 
@@ -19,9 +15,9 @@ using namespace Internal;
 
 namespace {
 
-// What follows OnEvent for an event queued by pointer, also when the handler has thrown: once the
-// sender is answered, the event is not touched any more. The pair is noted before, so that a
-// handler that writes into `param.p` or sends the event on does not keep its sender for ever.
+// Follows OnEvent for an event queued by pointer, even if the handler has thrown. Once the sender
+// has its answer, the event is not touched any more. The pair is noted before, so that a handler
+// that writes to `param.p` or sends the event on does not make its sender wait for ever.
 class Answer
 {
 public:
@@ -65,26 +61,30 @@ void DispatchByValue(TCEvent& event)
     event.receiver->OnClear(&event);
 }
 
+thread_local TCEventIO::Private::Dispatch* g_Innermost = nullptr;
+
 } // namespace
 
-// A dispatch that is under way, on the stack of its thread.
+// A dispatch in progress, on the stack of its thread.
 //
-// The watch may recurse as GLib sees it, which saves two system calls an event; yet a loop that a
-// handler runs on the same context must not dispatch the queue's next event. There the watch takes
-// itself off the context, and the end of the dispatch puts it back.
-class TCEventIO::Dispatch
+// For GLib the watch may recurse, which saves two system calls an event. Yet a loop that a handler
+// runs on the same context must not dispatch the queue's next event. There the watch takes itself
+// off the context, and the end of the dispatch attaches it again.
+class TCEventIO::Private::Dispatch
 {
 public:
-    explicit Dispatch(TCEventIO* queue) : m_Queue(queue), m_Outer(s_Innermost)
+    explicit Dispatch(TCEventIO* queue) : m_Queue(queue), m_Outer(g_Innermost)
     {
-        s_Innermost = this;
+        g_Innermost = this;
     }
     ~Dispatch()
     {
-        s_Innermost = m_Outer;
+        SENNET_CHECK(g_Innermost == this);
+        g_Innermost = m_Outer;
         if (m_Context == nullptr) {
             return;
         }
+        SENNET_CHECK(m_Queue != nullptr);
         GSource* const watch = m_Queue->m_Source;
         if (watch != nullptr && !g_source_is_destroyed(watch)) {
             g_source_attach(watch, m_Context);
@@ -94,20 +94,23 @@ public:
     Dispatch& operator=(const Dispatch&) = delete;
 
     // The queue's dispatch that the calling thread is in, or null.
-    static Dispatch* Of(const TCEventIO* queue)
+    static Dispatch* Of(const TCEventIO& queue)
     {
-        Dispatch* dispatch = s_Innermost;
-        while (dispatch != nullptr && dispatch->m_Queue != queue) {
+        Dispatch* dispatch = g_Innermost;
+        while (dispatch != nullptr && dispatch->m_Queue != &queue) {
             dispatch = dispatch->m_Outer;
         }
         return dispatch;
     }
 
     // Replaces the watch by one that is not attached yet. GLib destroys the present one, whose
-    // callback this is.
+    // callback this is. The watch is off already if a subclass has called the callback itself.
     void TakeWatchOff(GIOChannel* channel)
     {
-        GSource* const present = std::exchange(m_Queue->m_Source, m_Queue->m_MakeWatch(channel));
+        if (m_Context != nullptr) {
+            return;
+        }
+        GSource* const present = std::exchange(m_Queue->m_Source, MakeWatch(*m_Queue, channel));
         g_source_set_priority(m_Queue->m_Source, g_source_get_priority(present));
         m_Context = g_source_get_context(present);
         g_source_unref(present);
@@ -118,97 +121,50 @@ public:
     bool QueueIsGone() const { return m_Queue == nullptr; }
 
 private:
-    static thread_local Dispatch* s_Innermost;
-
     TCEventIO* m_Queue; // null once a handler has destroyed it
     Dispatch* m_Outer;
     GMainContext* m_Context = nullptr; // of the watch that a nested loop has taken off
 };
 
-thread_local TCEventIO::Dispatch* TCEventIO::Dispatch::s_Innermost = nullptr;
-
-GSource* TCEventIO::m_MakeWatch(GIOChannel* channel)
+void TCEventIO::Private::KeepWatchOff(TCEventIO& queue)
 {
-    GSource* const watch = g_io_create_watch(channel, G_IO_IN);
-    // GLib takes a source that may not recurse out of the poll set for each dispatch, and wakes the
-    // context's own poll for it twice.
-    g_source_set_can_recurse(watch, TRUE);
-    g_source_set_callback(watch, G_SOURCE_FUNC(&TCEventIO::m_InterIOWatch), this, nullptr);
-    return watch;
-}
-
-bool TCEventIO::m_AttachWatch()
-{
-    m_Channel = g_io_channel_unix_new(m_PipeFileDes[0]);
-    if (m_Channel == nullptr) {
-        VELMORA_LOGE("Create channel fail!");
-        return false;
-    }
-    GError* raw = nullptr;
-    const GIOStatus status = g_io_channel_set_encoding(m_Channel, nullptr, &raw);
-    const ErrorPtr error(raw);
-    if (status != G_IO_STATUS_NORMAL) {
-        if (error) {
-            VELMORA_LOGE("Read char from pipe fail,%s", error->message);
-        }
-        return false;
-    }
-
-    m_Source = m_MakeWatch(m_Channel);
-    GMainLoop* const loop = m_MainLoop;
-    g_source_attach(m_Source, loop != nullptr ? g_main_loop_get_context(loop) : nullptr);
-    g_io_channel_unref(std::exchange(m_Channel, nullptr)); // the watch holds it from here on
-    return true;
-}
-
-void TCEventIO::m_ReleaseWatch()
-{
-    if (Dispatch* const dispatch = Dispatch::Of(this)) {
+    if (Dispatch* const dispatch = Dispatch::Of(queue)) {
         dispatch->LeaveWatchOff();
     }
-    if (m_Source != nullptr) {
-        DestroySource(std::exchange(m_Source, nullptr));
-    }
-    if (m_Channel != nullptr) {
-        g_io_channel_unref(std::exchange(m_Channel, nullptr));
-    }
-    if (std::exchange(m_PipeOpen, false)) {
-        close(m_PipeFileDes[1]);
-        close(m_PipeFileDes[0]);
-    }
 }
 
-void TCEventIO::m_LeaveDispatch()
+void TCEventIO::Private::LeaveDispatch(TCEventIO& queue)
 {
-    if (Dispatch* const dispatch = Dispatch::Of(this)) {
+    if (Dispatch* const dispatch = Dispatch::Of(queue)) {
         dispatch->ForgetQueue();
     }
 }
 
+// Takes the first entry off the list: moves a copy into `event`, or sets `byPointer`. True with
+// neither if the list is empty.
 bool TCEventIO::m_Get(TCEvent* event, TCEvent** byPointer, unsigned long timeout)
 {
-    std::list<TCEvent*> taken; // freed after the lock
+    std::list<TCEvent*> node; // freed after the lock
     if (!m_QueueMutex.Try(timeout)) {
         VELMORA_LOGE("Try lock mutex fail!");
         return false;
     }
     bool created = false;
     {
-        const MutexGuard guard(m_QueueMutex, std::adopt_lock);
+        const Lock lock(m_QueueMutex, std::adopt_lock);
         created = m_FlagCreate;
         if (created && !m_EventList.empty()) {
-            taken.splice(taken.begin(), m_EventList, m_EventList.begin());
-            --m_EntryCount;
+            Private::Unlink(*this, m_EventList.begin(), node);
         }
     }
     if (!created) {
         VELMORA_LOGE("event io %s has destroyed!", m_Name.c_str());
         return false;
     }
-    if (taken.empty()) {
+    if (node.empty()) {
         return true;
     }
-    TCEvent* const entry = taken.front();
+    TCEvent* const entry = node.front();
     if (entry->sync) {
         *byPointer = entry;
     } else {
@@ -224,107 +180,50 @@ bool TCEventIO::m_Get(TCEvent* event, TCEvent** byPointer, unsigned long timeout
 gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition*/, gpointer data)
 {
     auto* const self = static_cast<TCEventIO*>(data);
-    if (self->m_Stopped || !self->m_OwnsPipe()) {
+    if (self->m_Stopped || !Private::OwnsPipe(*self)) {
         return FALSE;
     }
-    if (Dispatch* const outer = Dispatch::Of(self)) {
+    if (auto* const outer = Private::Dispatch::Of(*self)) {
         outer->TakeWatchOff(channel);
         return FALSE;
     }
     TCEvent event;
     TCEvent* byPointer = nullptr;
-    if (!self->m_Get(&event, &byPointer, kLockWait)) {
-        return TRUE; // entry and byte stay, and with them the next callback
+    if (!self->m_Get(&event, &byPointer, Private::kLockWait)) {
+        return TRUE; // entry and byte stay, and cause the next callback
     }
-
-    gchar byte[2] = {};
-    gsize size = 0;
-    GError* raw = nullptr;
-    const GIOStatus status = g_io_channel_read_chars(channel, byte, 1, &size, &raw);
-    const ErrorPtr error(raw);
-    if (status != G_IO_STATUS_NORMAL && byPointer != nullptr) {
-        self->m_PutBack(byPointer);
-    }
-    switch (status) {
-    case G_IO_STATUS_ERROR:
-    case G_IO_STATUS_AGAIN:
-        if (error) {
-            VELMORA_LOGE("Read char from pipe fail,%s", error->message);
+    if (const GIOStatus status = Private::ReadByte(*self, channel); status != G_IO_STATUS_NORMAL) {
+        if (byPointer != nullptr) {
+            Private::PutBack(*self, byPointer);
         }
-        g_source_unref(std::exchange(self->m_Source, nullptr));
-        self->m_PursueExit();
-        return FALSE;
-    case G_IO_STATUS_EOF:
-        VELMORA_LOGW("Read char from pipe to the end!");
-        self->m_PursueExit();
-        return TRUE;
-    case G_IO_STATUS_NORMAL:
-        break;
+        const bool goesOn = status == G_IO_STATUS_EOF;
+        if (!goesOn) {
+            g_source_unref(std::exchange(self->m_Source, nullptr));
+        }
+        Private::PursueExit(*self);
+        return goesOn ? TRUE : FALSE;
     }
-    self->m_CountReadByte();
     if (self->m_Exit == ExitRequest::Taken) {
         self->m_Exit = ExitRequest::Dispatched;
     }
 
-    const Dispatch dispatch(self);
+    const Private::Dispatch dispatch(self);
     if (byPointer != nullptr) {
         DispatchByPointer(byPointer, byPointer->receiver);
     } else if (event.receiver != nullptr) {
         DispatchByValue(event);
     }
     if (!dispatch.QueueIsGone()) {
-        self->m_PursueExit();
+        Private::PursueExit(*self);
     }
     return TRUE;
 }
 
-// An event that is not the queue's cannot be lost with a failed read: its sender finds it in the
-// list when its limit runs out, or Final does before.
-void TCEventIO::m_PutBack(TCEvent* byPointer)
+void TCEventIO::Private::PutBack(TCEventIO& queue, TCEvent* byPointer)
 {
-    const MutexGuard guard(m_QueueMutex);
-    m_EventList.push_front(byPointer);
-    ++m_EntryCount;
-}
-
-TCEventIO::PostResult TCEventIO::m_PostExit()
-{
-    auto event = std::make_unique<ExitEvent>();
-    event->receiver = this;
-    event->id = EVENT_EXIT_TASK;
-    m_Exit = ExitRequest::Queued; // before the loop can have it
-    const PostResult result = m_PostOwned(std::move(event), false);
-    if (result != PostResult::Queued) {
-        m_Exit = ExitRequest::Lost;
-    }
-    return result;
-}
-
-// Sees to it that the loop ends for a Destroy that waits, although its exit event was refused,
-// deleted or cleared, or cannot be dispatched any more. A handler that has the event decides alone.
-void TCEventIO::m_PursueExit()
-{
-    const ExitRequest request = m_Exit;
-    if (request == ExitRequest::None || request == ExitRequest::Dispatched) {
-        return;
-    }
-    // A queue that has stopped while its loop runs told the loop to quit before it ran.
-    const bool watched = !m_Stopped && m_Source != nullptr && !g_source_is_destroyed(m_Source);
-    if (watched && request == ExitRequest::Queued) {
-        return;
-    }
-    if (watched && request == ExitRequest::Lost) {
-        try {
-            const PostResult result = m_PostExit();
-            if (result == PostResult::Queued || result == PostResult::PipeFull) {
-                return; // a full pipe has bytes, and each of them a callback that tries again
-            }
-        } catch (const std::bad_alloc&) { // not through GLib
-        }
-    }
-    if (GMainLoop* const loop = m_MainLoop; loop != nullptr) {
-        g_main_loop_quit(loop);
-    }
+    Entries node{byPointer};
+    const Lock lock(queue.m_QueueMutex);
+    Link(queue, node, true);
 }
 
 } // namespace Velmora

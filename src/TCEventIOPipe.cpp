@@ -1,26 +1,32 @@
-// The wake-up pipe of a queue: one byte a queued event.
-#include "TCEventIO.h"
-
+// SPDX-License-Identifier: MIT
+// The wake-up pipe of a queue, with one byte for each entry, and the watch on it.
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include "Check.h"
+#include "GLibPtr.h"
+#include "TCEventIOPrivate.h"
+
 namespace Velmora {
+
+using namespace Internal;
 
 namespace {
 
 const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 
-// How many forks lie between this process and the first one. A child shares the pipes of its
-// parent's queues, whose bytes only the parent may write and read.
+// The number of forks between this process and the first one. A child shares the pipes of its
+// parent's queues, but only the parent may write and read their bytes.
 std::atomic<std::uint8_t> g_Forks{0};
 [[maybe_unused]] const int g_CountForks = pthread_atfork(nullptr, nullptr, [] { ++g_Forks; });
 
-// A process that has closed its standard streams would get their numbers here, and whatever it
-// writes to standard error, log lines above all, would land in the pipe.
+// In a process that has closed its standard streams, the pipe would get their numbers, and whatever
+// the process writes to standard error, log lines for example, would go into the pipe.
 bool MoveAboveStandardStreams(int& descriptor)
 {
     if (descriptor > STDERR_FILENO) {
@@ -37,65 +43,57 @@ bool MoveAboveStandardStreams(int& descriptor)
 
 } // namespace
 
-bool TCEventIO::m_OpenPipe()
+bool TCEventIO::Private::OpenPipe(TCEventIO& queue)
 {
-    if (pipe2(m_PipeFileDes, O_CLOEXEC) != 0) {
+    if (pipe2(queue.m_PipeFileDes, O_CLOEXEC) != 0) {
         VELMORA_LOGE("Create pipe fail!");
         return false;
     }
-    m_PipeOpen = true;
-    if (!MoveAboveStandardStreams(m_PipeFileDes[0]) ||
-        !MoveAboveStandardStreams(m_PipeFileDes[1])) {
+    queue.m_PipeOpen = true;
+    if (!MoveAboveStandardStreams(queue.m_PipeFileDes[0]) ||
+        !MoveAboveStandardStreams(queue.m_PipeFileDes[1])) {
         VELMORA_LOGE("Create pipe fail!");
         return false;
     }
-    fcntl(m_PipeFileDes[0], F_SETFL, O_NONBLOCK);
-    m_UnreadBytes = 0;
-    m_PipeForks = g_Forks;
+    fcntl(queue.m_PipeFileDes[0], F_SETFL, O_NONBLOCK);
+    queue.m_UnreadBytes = 0;
+    queue.m_PipeForks = g_Forks;
     return true;
 }
 
-bool TCEventIO::m_OwnsPipe() const
+bool TCEventIO::Private::OwnsPipe(const TCEventIO& queue)
 {
-    return m_PipeForks == g_Forks;
+    return queue.m_PipeForks == g_Forks;
 }
 
-void TCEventIO::m_CountReadByte()
-{
-    if (m_UnreadBytes > 0) { // a byte that this queue has not written, but a forked child
-        --m_UnreadBytes;
-    }
-}
-
-// Whether a blocking write cannot block, told from what was written and read alone.
+// Whether a blocking write certainly does not block, judged only by what was written and read.
 //
 // The kernel fills a pipe page by page, appends single bytes to its last page, and frees a page
 // when its last byte is read. So an empty pipe takes a page of bytes whatever its size, and a pipe
-// of n pages has room while it holds at most n - 1 pages of bytes, however they lie.
-bool TCEventIO::m_HasRoomForSure()
+// of n pages has room while it holds at most n - 1 pages of bytes, wherever they are.
+bool TCEventIO::Private::HasRoomForSure(TCEventIO& queue)
 {
-    const std::uint64_t unread = m_UnreadBytes;
+    const std::uint64_t unread = queue.m_UnreadBytes;
     if (unread == 0) {
-        m_RunBytes = 0;
+        queue.m_RunBytes = 0;
     }
-    if (m_RunBytes < kPageSize) {
+    SENNET_CHECK(unread <= queue.m_RunBytes);
+    if (queue.m_RunBytes < kPageSize) {
         return true;
     }
-    if (m_RunBytes % kPageSize == 0) { // anew for each page: somebody may have shrunk the pipe
-        const int size = fcntl(m_PipeFileDes[1], F_GETPIPE_SZ);
-        m_PipeSize = size > 0 ? static_cast<std::uint64_t>(size) : 0;
+    if (queue.m_RunBytes % kPageSize == 0) { // again for each page: the pipe may have been shrunk
+        const int size = fcntl(queue.m_PipeFileDes[1], F_GETPIPE_SZ);
+        queue.m_PipeSize = size > 0 ? static_cast<std::uint64_t>(size) : 0;
     }
-    return unread + kPageSize <= m_PipeSize;
+    return unread + kPageSize <= queue.m_PipeSize;
 }
 
-// Writes one byte for one entry, or finds no room, but never waits: this runs under the lock that
-// the loop needs before it reads. Returns 0 or the error, which is told without the lock.
-int TCEventIO::m_WriteByte()
+int TCEventIO::Private::WriteByte(TCEventIO& queue)
 {
-    const int writeEnd = m_PipeFileDes[1];
-    // The write end is a blocking one. Where the pipe may be full, it is made non-blocking for this
+    const int writeEnd = queue.m_PipeFileDes[1];
+    // The write end is blocking. Where the pipe may be full, it is made non-blocking for this
     // write; every writer holds the lock.
-    const bool mayBlock = !m_HasRoomForSure();
+    const bool mayBlock = !HasRoomForSure(queue);
     if (mayBlock) {
         fcntl(writeEnd, F_SETFL, O_NONBLOCK);
     }
@@ -108,11 +106,79 @@ int TCEventIO::m_WriteByte()
         fcntl(writeEnd, F_SETFL, 0);
     }
     if (written == 1) {
-        ++m_UnreadBytes;
-        ++m_RunBytes;
+        ++queue.m_UnreadBytes;
+        ++queue.m_RunBytes;
         return 0;
     }
     return error;
+}
+
+GIOStatus TCEventIO::Private::ReadByte(TCEventIO& queue, GIOChannel* channel)
+{
+    gchar byte = 0;
+    gsize size = 0;
+    GError* raw = nullptr;
+    const GIOStatus status = g_io_channel_read_chars(channel, &byte, 1, &size, &raw);
+    const ErrorPtr error(raw);
+    if (status == G_IO_STATUS_NORMAL) {
+        if (queue.m_UnreadBytes > 0) { // else a forked child has written the byte
+            --queue.m_UnreadBytes;
+        }
+    } else if (status == G_IO_STATUS_EOF) {
+        VELMORA_LOGW("Read char from pipe to the end!");
+    } else if (error) {
+        VELMORA_LOGE("Read char from pipe fail,%s", error->message);
+    }
+    return status;
+}
+
+GSource* TCEventIO::Private::MakeWatch(TCEventIO& queue, GIOChannel* channel)
+{
+    GSource* const watch = g_io_create_watch(channel, G_IO_IN);
+    // GLib takes a source that may not recurse out of the poll set for each dispatch, and wakes the
+    // context's own poll twice for that.
+    g_source_set_can_recurse(watch, TRUE);
+    g_source_set_callback(watch, G_SOURCE_FUNC(&TCEventIO::m_InterIOWatch), &queue, nullptr);
+    return watch;
+}
+
+bool TCEventIO::Private::AttachWatch(TCEventIO& queue)
+{
+    queue.m_Channel = g_io_channel_unix_new(queue.m_PipeFileDes[0]);
+    if (queue.m_Channel == nullptr) {
+        VELMORA_LOGE("Create channel fail!");
+        return false;
+    }
+    GError* raw = nullptr;
+    const GIOStatus status = g_io_channel_set_encoding(queue.m_Channel, nullptr, &raw);
+    const ErrorPtr error(raw);
+    if (status != G_IO_STATUS_NORMAL) {
+        if (error) {
+            VELMORA_LOGE("Read char from pipe fail,%s", error->message);
+        }
+        return false;
+    }
+
+    queue.m_Source = MakeWatch(queue, queue.m_Channel);
+    GMainLoop* const loop = queue.m_MainLoop;
+    g_source_attach(queue.m_Source, loop != nullptr ? g_main_loop_get_context(loop) : nullptr);
+    g_io_channel_unref(std::exchange(queue.m_Channel, nullptr)); // the watch holds it from now on
+    return true;
+}
+
+void TCEventIO::Private::ReleaseWatch(TCEventIO& queue)
+{
+    KeepWatchOff(queue);
+    if (queue.m_Source != nullptr) {
+        DestroySource(std::exchange(queue.m_Source, nullptr));
+    }
+    if (queue.m_Channel != nullptr) {
+        g_io_channel_unref(std::exchange(queue.m_Channel, nullptr));
+    }
+    if (std::exchange(queue.m_PipeOpen, false)) {
+        close(queue.m_PipeFileDes[1]);
+        close(queue.m_PipeFileDes[0]);
+    }
 }
 
 } // namespace Velmora

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "TCLog.h"
 
 namespace Velmora {

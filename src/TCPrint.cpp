@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "TCPrint.h"
 
 #include <cstdarg>
@@ -9,8 +10,8 @@
 #include "TCAlarm.h"
 #include "TCLog.h"
 
-// The trace's lines have neither colours nor the application name, and always the priority of
-// errors. At least one argument.
+// The lines of the trace have no colours and no application name, and always the priority of
+// errors. Takes at least one argument.
 #define WPERF_LINE(body, ...)                                                                      \
     __dlog_print(0, 6, "WPERF", "%s: %s(%d) > " body, VELMORA_LOG_FILE, __func__, __LINE__,        \
                  __VA_ARGS__)
@@ -19,7 +20,7 @@ namespace Velmora {
 
 namespace {
 
-// Right across a wrap of the ticks, too, which take 49 days to it on 32 bits.
+// Right even if the ticks wrap, which they do every 49 days on 32 bits.
 unsigned long MillisecondsSince(std::uint64_t ticks)
 {
     return TCAlarm::GetTickCount() - static_cast<unsigned long>(ticks);
@@ -47,6 +48,7 @@ void TCPrint::Start(const char* name, int number)
     WPERF_LINE("[START][%s:%d]!!", name, number);
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): the interface is given
 void TCPrint::End(const char* name, int number)
 {
     const unsigned long duration = MillisecondsSince(m_MarkStart);
@@ -61,7 +63,7 @@ void TCPrint::sennet_hw_clock_s(const char* name, int number, const char* format
     const std::size_t prefix = strnlen(line, 190);
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is seen wrongly
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false positive
     std::vsnprintf(line + prefix, sizeof line - prefix, format, arguments);
     va_end(arguments);
     prctl(kClockLine, line, std::strlen(line), 0, 0);

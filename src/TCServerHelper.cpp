@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "TCServerHelper.h"
 
 #include <algorithm>
@@ -7,7 +8,8 @@
 
 #include <unistd.h>
 
-#include "GLibPtr.h"
+#include "BusBody.h"
+#include "BusNames.h"
 #include "TCLog.h"
 
 namespace Velmora {
@@ -38,11 +40,6 @@ void HandOut(std::unique_ptr<T[]> copy, T** out)
     }
 }
 
-bool IsNameByte(char byte)
-{
-    return g_ascii_isalnum(byte) != 0 || byte == '.' || byte == '_';
-}
-
 } // namespace
 
 bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* code, char** type,
@@ -52,42 +49,22 @@ bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* 
         VELMORA_LOG_NULL("msg");
         return false;
     }
-    const char* const shape = g_variant_get_type_string(msg);
-    VELMORA_LOGI("%s", shape);
-    const bool plain = std::strcmp(shape, "(suss)") == 0;
-    if (!plain && std::strcmp(shape, "(sussa(y))") != 0) {
+    const ParsedBody body = ParseBody(msg);
+    if (body.from == nullptr) {
         return true;
     }
-
-    const char* ownFrom = nullptr;
-    const char* ownType = nullptr;
-    const char* ownMessage = nullptr;
-    guint32 ownCode = 0;
-    VariantPtr bytes;
-    if (plain) {
-        g_variant_get(msg, "(&su&s&s)", &ownFrom, &ownCode, &ownType, &ownMessage);
-    } else {
-        GVariant* raw = nullptr;
-        g_variant_get(msg, "(&su&s&s@a*)", &ownFrom, &ownCode, &ownType, &ownMessage, &raw);
-        bytes.reset(raw);
-        VELMORA_LOGI("get data of %s", shape);
-    }
     // All copies come before the first is handed out: whatever throws, the caller owns nothing.
-    auto copyOfFrom = CopyText(ownFrom);
-    auto copyOfType = CopyText(ownType);
-    auto copyOfMessage = CopyText(ownMessage);
-    if (bytes && buffer != nullptr && size != nullptr) {
-        const auto* const data = static_cast<const unsigned char*>(g_variant_get_data(bytes.get()));
-        const gsize length = g_variant_get_size(bytes.get());
-        if (length > 1 || (length == 1 && *data != 0)) {
-            HandOut(Copy(data, length), buffer);
-            *size = static_cast<unsigned int>(length);
-        }
+    auto copyOfFrom = CopyText(body.from);
+    auto copyOfType = CopyText(body.type);
+    auto copyOfMessage = CopyText(body.text);
+    if (body.buffer != nullptr && buffer != nullptr && size != nullptr) {
+        HandOut(Copy(body.buffer, body.size), buffer);
+        *size = body.size;
     }
     HandOut(std::move(copyOfFrom), from);
     HandOut(std::move(copyOfType), type);
     HandOut(std::move(copyOfMessage), message);
-    *code = ownCode;
+    *code = body.code;
     return true;
 }
 
@@ -98,16 +75,13 @@ void TCServerHelper::SetTCMessage(TCMessage* target, char* message, unsigned int
         VELMORA_LOGI("null reply");
         return;
     }
-    if (message != nullptr) {
-        target->SetMessage(message);
-    }
-    target->m_Code = code;
-    if (type != nullptr) {
-        target->m_Type = type;
-    }
-    if (size != 0) {
-        target->SetBuffer(buffer, size);
-    }
+    ParsedBody fields;
+    fields.code = code;
+    fields.type = type;
+    fields.text = message;
+    fields.buffer = buffer;
+    fields.size = size;
+    fields.CopyInto(*target);
 }
 
 void TCServerHelper::GetProcessName(std::string& name)
@@ -118,20 +92,13 @@ void TCServerHelper::GetProcessName(std::string& name)
         return;
     }
     name = path;
-    name.erase(0, name.rfind('/') + 1); // without a "/" that is nothing
+    name.erase(0, name.rfind('/') + 1); // nothing, if there is no "/"
     VELMORA_LOGI("process name : %s,process path : %s", name.c_str(), path);
 }
 
 bool TCServerHelper::FormatDBusName(std::string& name)
 {
-    bool changed = false;
-    for (char& byte : name) {
-        if (!IsNameByte(byte)) {
-            byte = '_';
-            changed = true;
-        }
-    }
-    return changed;
+    return MakeLegal(name);
 }
 
 std::string TCServerHelper::GetObjectPath(std::string name)

@@ -1,20 +1,22 @@
+// SPDX-License-Identifier: MIT
 #include "TCServerSignalManager.h"
 
+#include "Locks.h"
 #include "TCLog.h"
 
 namespace Velmora {
 
-using Guard = std::lock_guard<std::mutex>;
+using namespace Internal;
 
 void TCServerSignalManager::Init()
 {
-    const Guard guard(m_TableMutex);
+    const Lock lock(m_TableMutex);
     m_SignalTable.clear();
 }
 
 bool TCServerSignalManager::IfSignalSubscribed(TCSignalType /*type*/, const std::string& key) const
 {
-    const Guard guard(m_TableMutex);
+    const Lock lock(m_TableMutex);
     return m_SignalTable.count(key) > 0;
 }
 
@@ -25,7 +27,7 @@ void TCServerSignalManager::SubscribeNativeSignal(const std::string& key,
 {
     auto record = std::make_unique<STSignalControl>();
     *record = {signalName, callback, userData, id};
-    const Guard guard(m_TableMutex);
+    const Lock lock(m_TableMutex);
     m_SignalTable[key] = std::move(record);
 }
 
@@ -33,7 +35,7 @@ bool TCServerSignalManager::UnsubscribeSignal(TCSignalType /*type*/, const std::
                                               unsigned int& id)
 {
     {
-        const Guard guard(m_TableMutex);
+        const Lock lock(m_TableMutex);
         const auto found = m_SignalTable.find(key);
         if (found == m_SignalTable.end()) {
             return false;
@@ -51,7 +53,7 @@ bool TCServerSignalManager::GetHandlerForNativeSignal(const std::string& signalN
                                                       void*& userData) const
 {
     {
-        const Guard guard(m_TableMutex);
+        const Lock lock(m_TableMutex);
         auto found = m_SignalTable.find(key);
         if (found == m_SignalTable.end()) {
             found = m_SignalTable.find(signalName);
@@ -69,7 +71,7 @@ bool TCServerSignalManager::GetHandlerForNativeSignal(const std::string& signalN
 void TCServerSignalManager::Destroy(std::vector<unsigned int>& ids)
 {
     ids.clear();
-    const Guard guard(m_TableMutex);
+    const Lock lock(m_TableMutex);
     for (const auto& [key, record] : m_SignalTable) {
         ids.push_back(record->m_SubscriptionId);
     }

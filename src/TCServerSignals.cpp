@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: MIT
 // Signals: emitted on the calling thread, subscribed at GDBus, and delivered to the client.
-#include <memory>
 #include <new>
 
 #include "BusBody.h"
 #include "BusHandle.h"
-#include "TCServerCallbacks.h"
-#include "TCServerGate.h"
+#include "BusNames.h"
+#include "SendGate.h"
+#include "ServerRegistry.h"
 
 namespace Velmora {
 
@@ -13,7 +14,7 @@ using namespace Internal;
 
 bool TCServer::SendSignal(const char* source, const char* signalName, const TCMessage* message)
 {
-    const HookScope server = m_RequireServer(source);
+    const ServerPin server = ServerRegistry::Require(source);
     return server && server->SendSignal(signalName, message);
 }
 
@@ -27,7 +28,7 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message)
     if (!gate) {
         return false;
     }
-    if (!m_IsConnected()) {
+    if (!Private::IsConnected(*this)) {
         VELMORA_LOGE("dbus connection is not open");
         return false;
     }
@@ -58,7 +59,7 @@ bool TCServer::SubscribeSignal(const char* source, const char* from, const char*
         VELMORA_LOG_NULL("from");
         return false;
     }
-    const HookScope server = m_RequireServer(source);
+    const ServerPin server = ServerRegistry::Require(source);
     return server && server->SubscribeSignal(from, signal, callback, userData);
 }
 
@@ -98,7 +99,7 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signal,
                                 TCServerSignalManager::TCSignalType type, unsigned int& id,
                                 std::string& key)
 {
-    if (!m_IsConnected()) {
+    if (!Private::IsConnected(*this)) {
         VELMORA_LOGE("dbus connection is not open");
         return -1;
     }
@@ -109,10 +110,11 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signal,
     }
     VELMORA_LOGI("Begin subscribe signal");
     if ((from == nullptr || IsInterfaceName(interface)) && IsMemberName(signal)) {
-        BusHandle* const handle = new SubscriptionHandle(LiveServers::Of(this), interface, signal);
+        BusHandle* const handle = new SubscriptionHandle(ServerLives::Of(this), interface, signal);
         id = g_dbus_connection_signal_subscribe(
             m_Connection, nullptr, from != nullptr ? interface.c_str() : nullptr, signal, nullptr,
-            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Callbacks::m_DSignalHandler, handle, &FreeHandle);
+            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Private::Callbacks::m_DSignalHandler, handle,
+            &FreeHandle);
     }
     if (id == 0) {
         VELMORA_LOGE("fail to subscribe signal");
@@ -127,7 +129,7 @@ bool TCServer::UnSubscribeSignal(const char* source, const char* from, const cha
         VELMORA_LOG_NULL("from");
         return false;
     }
-    const HookScope server = m_RequireServer(source);
+    const ServerPin server = ServerRegistry::Require(source);
     return server && server->UnSubscribeSignal(from, signal);
 }
 
@@ -144,7 +146,7 @@ bool TCServer::UnSubscribeSignal(const char* from, const char* signal)
 bool TCServer::m_UnSubscribeSignal(const char* from, const char* signal,
                                    TCServerSignalManager::TCSignalType type)
 {
-    if (!m_IsConnected() || from == nullptr) {
+    if (!Private::IsConnected(*this) || from == nullptr) {
         VELMORA_LOGE("dbus connection is not open");
         return false;
     }
@@ -164,7 +166,7 @@ bool TCServer::SubscribeKeySignal(const char* /*name*/, const char* /*key*/,
 bool TCServer::SubscribeKeySignal(const char* source, const char* name, const char* key,
                                   TCSignalCallback callback, void* userData)
 {
-    const HookScope server = m_RequireServer(source);
+    const ServerPin server = ServerRegistry::Require(source);
     return server && server->SubscribeKeySignal(name, key, callback, userData);
 }
 
@@ -175,7 +177,7 @@ bool TCServer::UnSubscribeKeySignal(const char* /*name*/, const char* /*key*/)
 
 bool TCServer::UnSubscribeKeySignal(const char* source, const char* name, const char* key)
 {
-    const HookScope server = m_RequireServer(source);
+    const ServerPin server = ServerRegistry::Require(source);
     return server && server->UnSubscribeKeySignal(name, key);
 }
 
@@ -210,29 +212,30 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         VELMORA_LOG_NULL("pThis");
         return;
     }
-    Callbacks::DeliverSignal(HookScope(static_cast<TCServer*>(userData)), interfaceName, signalName,
-                             parameters);
+    Private::Callbacks::DeliverSignal(ServerPin(static_cast<TCServer*>(userData)), interfaceName,
+                                      signalName, parameters);
 }
 
-void TCServer::Callbacks::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sender,
-                                           const char* path, const char* interfaceName,
-                                           const char* signalName, GVariant* parameters,
-                                           void* handle)
+void TCServer::Private::Callbacks::m_DSignalHandler(GDBusConnection* /*connection*/,
+                                                    const char* sender, const char* path,
+                                                    const char* interfaceName,
+                                                    const char* signalName, GVariant* parameters,
+                                                    void* handle)
 {
     if (IsNamed(sender, path, interfaceName, signalName)) {
-        DeliverSignal(HookScope(BusHandle::LifeOf(handle)), interfaceName, signalName, parameters);
+        DeliverSignal(ServerPin(BusHandle::LifeOf(handle)), interfaceName, signalName, parameters);
     }
 }
 
-void TCServer::Callbacks::DeliverSignal(const HookScope& server, const char* interfaceName,
-                                        const char* signalName, GVariant* parameters)
+void TCServer::Private::Callbacks::DeliverSignal(const ServerPin& server, const char* interfaceName,
+                                                 const char* signalName, GVariant* parameters)
 {
     if (!server) {
         return;
     }
     TCSignalCallback callback = nullptr;
     void* callbackData = nullptr;
-    std::unique_ptr<char[]> from;
+    ParsedBody body;
     TCMessage message;
     try {
         const std::string key = std::string(interfaceName) + "." + signalName;
@@ -242,44 +245,18 @@ void TCServer::Callbacks::DeliverSignal(const HookScope& server, const char* int
             return;
         }
         VELMORA_LOGI("begin to analyze signal of %s", key.c_str());
-        from = Unpack(parameters, message);
+        body = ParseBody(parameters);
+        body.CopyInto(message);
     } catch (const std::bad_alloc&) {
         VELMORA_LOGE("out of memory: a signal is dropped");
         return;
     }
     if (callback != nullptr) {
-        callback(from.get(), signalName, &message, callbackData);
+        callback(body.from, signalName, &message, callbackData);
     } else {
         TCMessage reply;
-        server->IfMessageReceived(from.get(), &message, &reply, signalName);
+        server->IfMessageReceived(body.from, &message, &reply, signalName);
     }
-}
-
-bool SendSignal(const char* source, const char* signalName, const TCMessage* message)
-{
-    return TCServer::SendSignal(source, signalName, message);
-}
-
-bool SubscribeSignal(const char* source, const char* from, const char* signal,
-                     TCSignalCallback callback, void* userData)
-{
-    return TCServer::SubscribeSignal(source, from, signal, callback, userData);
-}
-
-bool UnSubscribeSignal(const char* source, const char* from, const char* signal)
-{
-    return TCServer::UnSubscribeSignal(source, from, signal);
-}
-
-bool SubscribeKeySignal(const char* source, const char* name, const char* key,
-                        TCSignalCallback callback, void* userData)
-{
-    return TCServer::SubscribeKeySignal(source, name, key, callback, userData);
-}
-
-bool UnSubscribeKeySignal(const char* source, const char* name, const char* key)
-{
-    return TCServer::UnSubscribeKeySignal(source, name, key);
 }
 
 } // namespace Velmora

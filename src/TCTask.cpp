@@ -1,13 +1,46 @@
+// SPDX-License-Identifier: MIT
 #include "TCTask.h"
 
+#include <atomic>
+#include <memory>
 #include <utility>
 
 #include "GLibPtr.h"
-#include "MutexGuard.h"
+#include "Locks.h"
+#include "TCEventIOPrivate.h"
 
 namespace Velmora {
 
 using namespace Internal;
+
+struct __attribute__((visibility("hidden"))) TCTask::Private
+{
+    class FailedSetupMark;
+
+    static bool StartThread(TCTask& task, const char* name, bool isSetUp, GError** error);
+
+    // Takes back what a failed Create has set up. The IOs that the client has added stay in the
+    // list, also those added since; the next set-up again adds those that the set-up itself has
+    // added. If a Final throws, everything stays as it was.
+    static void DropFailedSetup(TCTask& task);
+
+    static void SetSettingUp(TCTask& task, bool settingUp);
+
+    // One reference to the context of a task whose set-up is over; null if the task has not started
+    // or has ended. An exit event that is sent earlier would be refused, and the loop would run for
+    // ever.
+    static GMainContext* RefContextAfterSetup(TCTask& task);
+
+    // The task that an InsistOnExit serves; null once its Destroy is over.
+    using Waiting = std::shared_ptr<std::atomic<TCTask*>>;
+
+    // Lets InsistOnExit run once on the context.
+    static void AttachInsistence(const Waiting& waiting, GMainContext* context);
+
+    // Runs while Destroy waits, in case its exit event was refused, or came to a queue that does
+    // not dispatch any more. Everything else that may happen to the event is seen where it happens.
+    static gboolean InsistOnExit(gpointer data);
+};
 
 namespace {
 
@@ -22,9 +55,9 @@ const char* NameOrEmpty(const char* name)
 
 } // namespace
 
-// Notes how much of the list a set-up on the calling thread has left, however Create ends, and that
-// no loop will run.
-class TCTask::FailedSetupMark
+// At the end of a set-up on the calling thread: if it has failed, notes how much of the list it has
+// left, and that no loop will run.
+class TCTask::Private::FailedSetupMark
 {
 public:
     explicit FailedSetupMark(TCTask& task) : m_Task(task) {}
@@ -32,7 +65,7 @@ public:
     {
         if (m_Task.m_Thread == nullptr && m_Task.m_TaskLoop != nullptr) {
             m_Task.m_StaleIOs = g_list_length(m_Task.m_IOList);
-            m_Task.m_Stop();
+            TCEventIO::Private::Stop(m_Task);
         }
     }
     FailedSetupMark(const FailedSetupMark&) = delete;
@@ -47,7 +80,7 @@ TCTask::TCTask(const char* name) : TCEventIO(NameOrEmpty(name)) {}
 TCTask::~TCTask()
 {
     VELMORA_LOGI("");
-    // All of it is gone after a Destroy; a failed Create has left it.
+    // A failed Create has left these; Destroy leaves nothing.
     g_list_free(m_IOList);
     if (m_TaskLoop != nullptr) {
         TCEventIO::Final(); // the exit event of the failed Create is still queued
@@ -73,55 +106,52 @@ bool TCTask::m_NewThread(const char* name, unsigned long /*unused*/, bool here)
         VELMORA_LOGE("task has a thread already");
         return false;
     }
-    m_DropFailedSetup();
-    const FailedSetupMark mark(*this);
+    Private::DropFailedSetup(*this);
+    const Private::FailedSetupMark mark(*this);
     if (here && !m_InitMainLoop()) {
         Destroy();
         return false;
     }
     GError* raw = nullptr;
-    const bool started = m_StartThread(name, here, &raw);
+    const bool started = Private::StartThread(*this, name, here, &raw);
     if (const ErrorPtr error(raw); error) {
         VELMORA_LOGE("Thread created fail,%s", error->message);
     }
     return started;
 }
 
-bool TCTask::m_StartThread(const char* name, bool isSetUp, GError** error)
+bool TCTask::Private::StartThread(TCTask& task, const char* name, bool isSetUp, GError** error)
 {
     // A Destroy on another thread must not come between the start of the thread and its record.
-    const std::lock_guard<std::mutex> lock(m_DestroyMutex);
-    m_SetSettingUp(!isSetUp);
-    GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, this, error);
+    const Lock lock(task.m_DestroyMutex);
+    SetSettingUp(task, !isSetUp);
+    GThread* const thread = g_thread_try_new(name, &TCTask::m_ThreadProcess, &task, error);
     if (thread == nullptr) {
-        m_SetSettingUp(false);
+        SetSettingUp(task, false);
         return false;
     }
-    m_Thread = thread;
+    task.m_Thread = thread;
     return true;
 }
 
-// Takes back what a failed Create has set up. The IOs that the client had added stay in the list,
-// also those added since; those that the set-up added itself come back with the next one. A Final
-// that throws leaves all as it was.
-void TCTask::m_DropFailedSetup()
+void TCTask::Private::DropFailedSetup(TCTask& task)
 {
-    if (m_StaleIOs == 0) {
+    if (task.m_StaleIOs == 0) {
         return;
     }
     ListPtr kept;
     bool addedBySetup = false;
     unsigned int index = 0;
-    for (const GList* node = m_IOList; node != nullptr; node = node->next, ++index) {
+    for (const GList* node = task.m_IOList; node != nullptr; node = node->next, ++index) {
         auto* const io = static_cast<TCIOBase*>(node->data);
-        addedBySetup = (addedBySetup || io == this) && index < m_StaleIOs;
+        addedBySetup = (addedBySetup || io == &task) && index < task.m_StaleIOs;
         if (!addedBySetup && g_list_find(kept.get(), io) == nullptr) {
             kept.reset(g_list_append(kept.release(), io));
         }
     }
-    m_Destroy();
-    m_IOList = kept.release();
-    m_StaleIOs = 0;
+    task.m_Destroy();
+    task.m_IOList = kept.release();
+    task.m_StaleIOs = 0;
 }
 
 void* TCTask::m_ThreadProcess(void* data)
@@ -129,7 +159,7 @@ void* TCTask::m_ThreadProcess(void* data)
     auto* const task = static_cast<TCTask*>(data);
     task->m_Thread = g_thread_self(); // Create may not have stored it yet
     const bool ready = task->m_InitMainLoop();
-    task->m_SetSettingUp(false);
+    Private::SetSettingUp(*task, false);
     if (ready) {
         task->t_Main();
     }
@@ -167,11 +197,11 @@ bool TCTask::m_InitMainLoop()
     return true;
 }
 
-void TCTask::m_SetSettingUp(bool settingUp)
+void TCTask::Private::SetSettingUp(TCTask& task, bool settingUp)
 {
-    const std::lock_guard<std::mutex> lock(m_StateMutex);
-    m_SettingUp = settingUp;
-    m_SetupOver.notify_all();
+    const Lock lock(task.m_StateMutex);
+    task.m_SettingUp = settingUp;
+    task.m_SetupOver.notify_all();
 }
 
 void TCTask::AddIO(TCIOBase* io)
@@ -200,7 +230,7 @@ void TCTask::t_Destroy() {}
 void TCTask::m_Destroy()
 {
     VELMORA_LOGI("");
-    m_Stop();
+    TCEventIO::Private::Stop(*this);
     for (const GList* node = m_IOList; node != nullptr; node = node->next) {
         VELMORA_LOGI("Final IO begin");
         auto* const io = static_cast<TCIOBase*>(node->data);
@@ -212,14 +242,14 @@ void TCTask::m_Destroy()
     t_Destroy();
 
     {
-        // Whoever asks for the task's loop from now on gets none, and whoever asks under the lock
-        // has taken a reference before it is freed.
-        const MutexGuard guard(m_QueueMutex);
+        // From now on no thread gets the task's loop. A thread that got it under this lock holds a
+        // reference.
+        const Lock lock(m_QueueMutex);
         m_MainLoop = nullptr;
     }
     LoopPtr loop;
-    ContextPtr context; // released without the lock: the client's sources may go with it
-    const std::lock_guard<std::mutex> lock(m_StateMutex);
+    ContextPtr context; // released after the lock: this may destroy the client's sources
+    const Lock lock(m_StateMutex);
     loop.reset(m_TaskLoop.exchange(nullptr));
     context.reset(std::exchange(m_Context, nullptr));
 }
@@ -231,44 +261,59 @@ void TCTask::Destroy()
                      "you want to destroy!");
         return;
     }
-    const std::lock_guard<std::mutex> lock(m_DestroyMutex);
-    ContextPtr context(m_RefContextAfterSetup());
-    SourcePtr insistence;
+    const Lock lock(m_DestroyMutex);
+    ContextPtr context(Private::RefContextAfterSetup(*this));
+    // The source of InsistOnExit is not destroyed here but with its context, which another thread
+    // may hold (an alarm does) and release at any moment: GLib lets nobody destroy a source of a
+    // context that is being freed.
+    const auto waiting = std::make_shared<std::atomic<TCTask*>>(this);
     if (context) {
-        m_Report(m_PostExit());
+        TCEventIO::Private::Report(*this, TCEventIO::Private::PostExit(*this));
         if (m_Thread != nullptr) {
-            insistence.reset(g_idle_source_new());
-            g_source_set_priority(insistence.get(), G_PRIORITY_DEFAULT);
-            g_source_set_callback(insistence.get(), &TCTask::m_InsistOnExit, this, nullptr);
-            g_source_attach(insistence.get(), context.get());
+            Private::AttachInsistence(waiting, context.get());
         }
-        context.reset(); // the task's thread is to be the last to release it
+        context.reset(); // the task's thread must be the last to release it
     }
     if (m_Thread != nullptr) {
         g_thread_join(m_Thread);
     }
+    *waiting = nullptr;
     m_Thread = nullptr;
     VELMORA_LOGD("task is destroyed!");
 }
 
-// One reference to the context of a task whose set-up is over, null if it has not started or has
-// ended. An exit event that was sent earlier would be refused, and the loop would run for ever.
-GMainContext* TCTask::m_RefContextAfterSetup()
+GMainContext* TCTask::Private::RefContextAfterSetup(TCTask& task)
 {
-    std::unique_lock<std::mutex> lock(m_StateMutex);
-    m_SetupOver.wait(lock, [this] { return !m_SettingUp; });
-    return m_TaskLoop != nullptr ? g_main_context_ref(m_Context) : nullptr;
+    Lock lock(task.m_StateMutex);
+    while (task.m_SettingUp) {
+        lock.Wait(task.m_SetupOver);
+    }
+    return task.m_TaskLoop != nullptr ? g_main_context_ref(task.m_Context) : nullptr;
 }
 
-// Runs once on the loop while Destroy waits, in case its exit event was refused, or came to a queue
-// that dispatches nothing any more. What becomes of a queued one is seen where it happens.
-gboolean TCTask::m_InsistOnExit(gpointer data)
+void TCTask::Private::AttachInsistence(const Waiting& waiting, GMainContext* context)
 {
-    auto* const task = static_cast<TCTask*>(data);
-    if (g_main_loop_is_running(task->m_TaskLoop)) { // else only a nested loop still runs
-        task->m_PursueExit();
+    GSource* const source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, &InsistOnExit, new Waiting(waiting),
+                          [](gpointer data) { delete static_cast<Waiting*>(data); });
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
+gboolean TCTask::Private::InsistOnExit(gpointer data)
+{
+    TCTask* const task = **static_cast<Waiting*>(data);
+    if (task != nullptr &&
+        g_main_loop_is_running(task->m_TaskLoop)) { // else only a nested loop still runs
+        TCEventIO::Private::PursueExit(*task);
     }
     return G_SOURCE_REMOVE;
+}
+
+const char* Internal::QueueName(const TCTask& task)
+{
+    return TCEventIO::Private::Name(task);
 }
 
 } // namespace Velmora

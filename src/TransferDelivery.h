@@ -1,4 +1,5 @@
-// The one place where the event core knows of the bus service.
+// SPDX-License-Identifier: MIT
+// The one place where the event queue knows of the bus service.
 #pragma once
 
 namespace Velmora {
@@ -7,7 +8,8 @@ class TCEvent;
 
 namespace Internal {
 
-// Delivers an EVENT_TRANSFER_MESSAGE with its message, on the thread of the target's queue.
+// Delivers the message of an EVENT_TRANSFER_MESSAGE, on the thread of the target's queue. It is in
+// TCServerSend.cpp, next to the send that makes these events.
 void DeliverTransferredMessage(const TCEvent& event);
 
 } // namespace Internal

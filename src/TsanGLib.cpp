@@ -1,5 +1,6 @@
-// Tells ThreadSanitizer about GLib's locks, which live in a library that it does not see into.
-// Compiled into its build only; the library's own calls come here first.
+// SPDX-License-Identifier: MIT
+// Reports GLib's locks to ThreadSanitizer, which does not see into the library that they are in.
+// Compiled only for that sanitizer: there, calls to these functions come here first.
 #include <dlfcn.h>
 #include <glib.h>
 

@@ -1,5 +1,6 @@
-// A service that the bus starts with the first message: counts what is in stock, and tells
-// everybody of each change. {"item": "bolt", "add": 5} is answered by {"count": 5}.
+// SPDX-License-Identifier: MIT
+// A service that the bus starts for the first message. It counts what is in stock, and broadcasts
+// each change. The reply to {"item": "bolt", "add": 5} is {"count": 5}.
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,7 +19,7 @@ public:
     Stock() : TCServer("example.stock", SERVER_TYPE_SERVICE), TCTask("stock") {}
 
 protected:
-    // The bus thread hands every message over to the task.
+    // The bus thread moves every message to the task.
     bool IfTransferMessage(const char* /*from*/, const TCMessage* /*message*/,
                            TCEventIO*& target) override
     {
@@ -26,7 +27,7 @@ protected:
         return true;
     }
 
-    // On the task's thread, and while its queue is full on the bus thread as well.
+    // Runs on the task's thread, and also on the bus thread while the task's queue is full.
     bool IfMessageReceived(const char* /*from*/, const TCMessage* message, TCMessage* reply,
                            const char* /*signalName*/) override
     {

@@ -1,4 +1,6 @@
-# For the scripts beside this file, which get the build folder and the compiler.
+# shellcheck shell=sh disable=SC2034 # the variables are for those scripts
+# SPDX-License-Identifier: MIT
+# Read by the scripts next to this file. Each gets the build folder and the compiler.
 set -eu
 build=$1
 export CXX="$2"
@@ -9,7 +11,7 @@ trap 'rm -rf "$work"' EXIT
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
-# Runs a command that has nothing to say unless it fails.
+# Runs a command, and prints its output only if it fails.
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "$*"; }; }
 
 # Configures a project: FOLDER BUILD-FOLDER [OPTION...]

@@ -1,4 +1,5 @@
-// Uses something of each layer, and prints the bus name of a service.
+// SPDX-License-Identifier: MIT
+// Uses each layer of the library, and prints the bus name of a service.
 #include <cstdio>
 
 #include <sennet.h>

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: MIT
+// Calls that arrive over the bus: parsed, moved to a queue's thread if the client wants that,
+// handled and answered.
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "BusBody.h"
+#include "BusHandle.h"
+#include "BusInterface.h"
+#include "OpenCall.h"
+#include "SendOwned.h"
+#include "TCServerPrivate.h"
+
+namespace Velmora {
+
+using namespace Internal;
+
+namespace {
+
+// The content of a call, in the form that m_HandleMsg() takes over.
+struct Arrived
+{
+    std::unique_ptr<char[]> from;
+    std::unique_ptr<TCMessage> message;
+};
+
+Arrived ParseCall(GVariant* parameters)
+{
+    const ParsedBody body = ParseBody(parameters);
+    VELMORA_LOGI("from[%s] [%s]", body.from != nullptr ? body.from : "null",
+                 body.text != nullptr ? body.text : "null");
+    Arrived arrived{nullptr, std::make_unique<TCMessage>()};
+    if (body.from != nullptr) {
+        const std::size_t size = std::strlen(body.from) + 1;
+        arrived.from.reset(new char[size]);
+        std::memcpy(arrived.from.get(), body.from, size);
+    }
+    body.CopyInto(*arrived.message);
+    return arrived;
+}
+
+} // namespace
+
+// A call on its way to the thread that handles it. If it is destroyed unhandled, in a queue that is
+// cleared or after its server is gone, its caller gets the error reply.
+class TCServer::Private::MovedCall
+{
+public:
+    MovedCall(std::shared_ptr<OpenCall> call, Arrived arrived)
+        : m_Call(std::move(call)), m_Arrived(std::move(arrived))
+    {}
+
+    void Handle()
+    {
+        if (const ServerPin server(m_Call->Life()); server) {
+            HandleNow(*server, *m_Call, m_Arrived);
+        }
+    }
+
+    static void HandleNow(TCServer& server, OpenCall& call, Arrived& arrived)
+    {
+        struct Answered
+        {
+            ~Answered() { m_Call.Answered(); } // also if the hook throws
+            OpenCall& m_Call;
+        };
+        if (GDBusMethodInvocation* const invocation = call.Take(); invocation != nullptr) {
+            const Answered answered{call};
+            server.m_HandleMsg(arrived.from.release(), arrived.message.release(), invocation);
+        }
+    }
+
+    static bool Send(TCEventIO& target, const std::shared_ptr<MovedCall>& call)
+    {
+        VELMORA_LOGI("send internal event");
+        auto handle = std::make_unique<std::function<void()>>([call] { call->Handle(); });
+        if (!SendOwned(target, EVENT_EXECUTE_FUNCTION, std::move(handle))) {
+            return false;
+        }
+        VELMORA_LOGI("send internal event success");
+        return true;
+    }
+
+private:
+    const std::shared_ptr<OpenCall> m_Call;
+    Arrived m_Arrived;
+};
+
+const GDBusInterfaceVTable TCServer::Private::Callbacks::callTable = {
+    &Callbacks::m_DObjectHandler, nullptr, nullptr, {}};
+
+void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const char* /*sender*/,
+                                const char* /*path*/, const char* /*interfaceName*/,
+                                const char* methodName, GVariant* parameters,
+                                GDBusMethodInvocation* invocation, void* userData)
+{
+    VELMORA_LOGI("");
+    if (userData == nullptr) {
+        VELMORA_LOGE("pThis NULL");
+        const Invocation refused(invocation);
+        return;
+    }
+    Private::Callbacks::DeliverCall(ServerPin(static_cast<TCServer*>(userData)), methodName,
+                                    parameters, invocation);
+}
+
+void TCServer::Private::Callbacks::m_DObjectHandler(GDBusConnection* /*connection*/,
+                                                    const char* /*sender*/, const char* /*path*/,
+                                                    const char* /*interfaceName*/,
+                                                    const char* methodName, GVariant* parameters,
+                                                    GDBusMethodInvocation* invocation, void* handle)
+{
+    VELMORA_LOGI("");
+    DeliverCall(ServerPin(BusHandle::LifeOf(handle)), methodName, parameters, invocation);
+}
+
+// If memory runs out before a hook has the message, the caller gets the error reply. What a hook
+// throws passes through.
+void TCServer::Private::Callbacks::DeliverCall(const ServerPin& server, const char* methodName,
+                                               GVariant* parameters,
+                                               GDBusMethodInvocation* rawInvocation)
+{
+    Invocation invocation(rawInvocation);
+    if (!server) {
+        return;
+    }
+    if (g_strcmp0(methodName, kSendMessage) == 0) {
+        VELMORA_LOGI("%s", kSendMessage);
+    } else if (g_strcmp0(methodName, kSendMessageWithBuffer) == 0) {
+        VELMORA_LOGI("%s", kSendMessageWithBuffer);
+    } else {
+        VELMORA_LOGE("error method name : %s", methodName);
+        return;
+    }
+    std::shared_ptr<OpenCall> call;
+    Arrived arrived;
+    try {
+        call = OpenCall::Begin(server.Life(), invocation.Release());
+        arrived = ParseCall(parameters);
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("out of memory: a call is not handled");
+        return;
+    }
+
+    TCEventIO* target = nullptr;
+    if (server->IfTransferMessage(arrived.from.get(), arrived.message.get(), target) &&
+        target != nullptr) {
+        std::shared_ptr<MovedCall> moved;
+        try {
+            moved = std::make_shared<MovedCall>(std::move(call), std::move(arrived));
+            if (MovedCall::Send(*target, moved)) {
+                return;
+            }
+        } catch (const std::bad_alloc&) {
+            VELMORA_LOGE("out of memory: a call is not handled");
+            return;
+        }
+        moved->Handle();
+    } else {
+        MovedCall::HandleNow(*server, *call, arrived);
+    }
+}
+
+void TCServer::m_HandleMsg(const char* rawFrom, const TCMessage* rawMessage,
+                           GDBusMethodInvocation* rawInvocation)
+{
+    Invocation invocation(rawInvocation);
+    TCMessage reply;
+    {
+        const std::unique_ptr<const char[]> from(rawFrom);
+        const std::unique_ptr<const TCMessage> message(rawMessage);
+        IfMessageReceived(from.get(), message.get(), &reply, nullptr);
+    }
+    try {
+        const BusBody body(m_ServiceName, reply, BusBody::Use::Reply);
+        if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
+            VELMORA_LOGE("cannot reply: %s", reason);
+            return;
+        }
+        invocation.Answer(body.Build());
+    } catch (const std::bad_alloc&) {
+        VELMORA_LOGE("cannot reply: out of memory");
+    }
+}
+
+} // namespace Velmora
