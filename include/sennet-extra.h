@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: MIT
+/// @file
+/// What libsennet offers beyond sennet.h. A program that does not use it pays nothing for it.
+#pragma once
+
