@@ -2,4 +2,3 @@
 /// @file
 /// What libsennet offers beyond sennet.h. A program that does not use it pays nothing for it.
 #pragma once
-

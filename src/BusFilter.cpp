@@ -8,6 +8,7 @@
 
 #include "BusInputHold.h"
 #include "Locks.h"
+#include "extra/LossWatch.h"
 
 namespace Velmora::Internal {
 
@@ -80,13 +81,17 @@ GDBusMessage* CopyWithoutDescriptors(GDBusMessage* message)
     return copy;
 }
 
-GDBusMessage* Filter(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
+GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                      gpointer /*data*/)
 {
     if (incoming == 0) {
         return message;
     }
     BusInputHold::AwaitRelease();
+    if (LossWatch::TakesAnswer(connection, message)) {
+        g_object_unref(message);
+        return nullptr;
+    }
     if (g_dbus_message_get_unix_fd_list(message) == nullptr || !LosesDescriptors(message)) {
         return message;
     }

@@ -7,6 +7,7 @@
 
 #include "Locks.h"
 #include "QueueEntries.h"
+#include "QueueRef.h"
 #include "SyncPair.h"
 #include "TCEventIOPrivate.h"
 
@@ -23,6 +24,7 @@ TCEventIO::TCEventIO(std::string name) : m_Name(std::move(name)), m_Exit(ExitReq
 
 TCEventIO::~TCEventIO()
 {
+    QueueRef::Leave(*this);
     Private::ReleaseWatch(*this);
     Private::LeaveDispatch(*this); // of the handler that destroys this queue
     m_QueueMutex.Destroy();
@@ -163,6 +165,21 @@ TCEventIO::PostResult TCEventIO::Private::PostOwned(TCEventIO& queue,
         static_cast<void>(entry.release()); // the list's: m_Get or ClearEntries frees it
     }
     return result;
+}
+
+bool TCEventIO::Private::PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry)
+{
+    return PostOwned(queue, std::move(entry), false) == PostResult::Queued;
+}
+
+std::optional<bool> TCEventIO::Private::TryPostQuietly(TCEventIO& queue,
+                                                       std::unique_ptr<TCEvent> entry)
+{
+    if (!queue.m_QueueMutex.Try(0)) {
+        return std::nullopt;
+    }
+    const Lock lock(queue.m_QueueMutex, std::adopt_lock);
+    return PostQuietly(queue, std::move(entry));
 }
 
 // Writes the byte of the node's entry and links the entry at one end of the list, or does neither.

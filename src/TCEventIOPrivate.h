@@ -4,6 +4,7 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 
 #include "TCEventIO.h"
 
@@ -43,6 +44,11 @@ struct __attribute__((visibility("hidden"))) TCEventIO::Private
 
     // Posts an entry, which the queue owns once it is queued.
     static PostResult PostOwned(TCEventIO& queue, std::unique_ptr<TCEvent> entry, bool urgent);
+
+    // The same without a log line if the queue does not take the entry; returns whether it did.
+    static bool PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry);
+    // The same, but waits for nothing; empty if another thread holds the queue's lock.
+    static std::optional<bool> TryPostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry);
 
     // Returns whether an entry was queued; writes the error line if not.
     static bool Report(const TCEventIO& queue, PostResult result);

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#include "extra/OnContext.h"
+
+#include <atomic>
+#include <memory>
+#include <utility>
+
+#include "GLibPtr.h"
+#include "Locks.h"
+#include "TCLog.h"
+
+namespace Velmora::Internal {
+
+namespace {
+
+struct Posted
+{
+    std::function<void()> callable;
+    // ThreadSanitizer does not see the locks of GLib, by which the callable gets to its thread.
+    std::atomic<bool> handedOver{false};
+
+    static gboolean Run(void* data)
+    {
+        auto* const posted = static_cast<Posted*>(data);
+        if (posted->handedOver.load(std::memory_order_acquire)) {
+            posted->callable();
+        }
+        return G_SOURCE_REMOVE;
+    }
+    static void Free(void* data)
+    {
+        const std::unique_ptr<Posted> posted(static_cast<Posted*>(data));
+        static_cast<void>(posted->handedOver.load(std::memory_order_acquire));
+    }
+};
+
+void* RunThread(void* data)
+{
+    const LoopPtr loop(g_main_loop_new(static_cast<GMainContext*>(data), FALSE));
+    g_main_context_push_thread_default(static_cast<GMainContext*>(data));
+    g_main_loop_run(loop.get());
+    return nullptr;
+}
+
+} // namespace
+
+void PostToContext(GMainContext* context, std::function<void()> callable)
+{
+    auto posted = std::make_unique<Posted>();
+    posted->callable = std::move(callable);
+    posted->handedOver.store(true, std::memory_order_release);
+    GSource* const source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, &Posted::Run, posted.release(), &Posted::Free);
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
+GMainContext* LibraryThread::Context()
+{
+    static Mutex mutex;
+    static GMainContext* running = nullptr; // guarded by mutex
+    const Lock lock(mutex);
+    if (running != nullptr) {
+        return running;
+    }
+    ContextPtr context(g_main_context_new());
+    GError* raw = nullptr;
+    GThread* const thread = g_thread_try_new("sennet", &RunThread, context.get(), &raw);
+    if (const ErrorPtr error(raw); thread == nullptr) {
+        VELMORA_LOGE("Thread created fail,%s", error->message);
+        return nullptr;
+    }
+    g_thread_unref(thread);
+    running = context.release(); // the thread's, which never ends
+    return running;
+}
+
+bool LibraryThread::Run(std::function<void()> callable)
+{
+    GMainContext* const context = Context();
+    if (context == nullptr) {
+        return false;
+    }
+    PostToContext(context, std::move(callable));
+    return true;
+}
+
+} // namespace Velmora::Internal
