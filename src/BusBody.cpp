@@ -73,6 +73,12 @@ GVariant* BuildErrorReply()
     return g_variant_new("(suss@a*)", "", 0U, "", kErrorText, CopyBytes(&noBuffer, 1));
 }
 
+void SetErrorReply(TCMessage& reply)
+{
+    reply = TCMessage();
+    reply.SetMessage(kErrorText);
+}
+
 ParsedBody ParseBody(GVariant* body)
 {
     ParsedBody parsed;

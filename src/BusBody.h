@@ -49,6 +49,9 @@ private:
 // Throws nothing, because it is also used when memory has run out. Returns a floating reference.
 GVariant* BuildErrorReply();
 
+// The same for a caller in this process.
+void SetErrorReply(TCMessage& reply);
+
 // The fields of a body that has arrived. The pointers are into the body, and null where it does not
 // have the shape given above.
 struct ParsedBody

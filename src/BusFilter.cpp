@@ -8,6 +8,7 @@
 
 #include "BusInputHold.h"
 #include "Locks.h"
+#include "extra/CallTable.h"
 #include "extra/LossWatch.h"
 
 namespace Velmora::Internal {
@@ -88,7 +89,8 @@ GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolea
         return message;
     }
     BusInputHold::AwaitRelease();
-    if (LossWatch::TakesAnswer(connection, message)) {
+    if (LossWatch::TakesAnswer(connection, message) ||
+        CallTable::TakesMessage(connection, message)) {
         g_object_unref(message);
         return nullptr;
     }

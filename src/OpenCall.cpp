@@ -8,6 +8,16 @@
 
 namespace Velmora::Internal {
 
+namespace {
+
+// The sender is null on a connection without a bus.
+const char* OrEmpty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
+} // namespace
+
 Invocation::~Invocation()
 {
     if (m_Invocation != nullptr) {
@@ -36,7 +46,11 @@ std::shared_ptr<OpenCall> OpenCall::Begin(const ServerLife& life, GDBusMethodInv
 
 OpenCall::OpenCall(ServerLife life, const Invocation& invocation)
     : m_Life(std::move(life)), m_Connection(static_cast<GDBusConnection*>(g_object_ref(
-                                   g_dbus_method_invocation_get_connection(invocation.Get()))))
+                                   g_dbus_method_invocation_get_connection(invocation.Get())))),
+      m_Sender(OrEmpty(g_dbus_method_invocation_get_sender(invocation.Get()))),
+      m_WantsAnswer(
+          (g_dbus_message_get_flags(g_dbus_method_invocation_get_message(invocation.Get())) &
+           G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0)
 {}
 
 OpenCall::~OpenCall()

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <gio/gio.h>
@@ -45,11 +46,16 @@ public:
     OpenCall& operator=(const OpenCall&) = delete;
 
     const ServerLife& Life() const { return m_Life; }
+    GDBusConnection* Connection() const { return m_Connection.get(); }
+    const std::string& Sender() const { return m_Sender; }
+    bool WantsAnswer() const { return m_WantsAnswer; }
 
     // For the thread that handles the call: it answers the invocation, then calls Answered().
     // Returns null if the call has already got the error reply.
     GDBusMethodInvocation* Take() { return m_Invocation.exchange(nullptr); }
     void Answered();
+    // Instead of Answered(): the invocation is for another thread to take.
+    void PutBack(GDBusMethodInvocation* invocation) { m_Invocation = invocation; }
 
     // Gives the error reply to the calls that no thread handles, and waits until it has left.
     static void FailAll(const std::vector<std::shared_ptr<OpenCall>>& calls);
@@ -61,6 +67,8 @@ private:
 
     const ServerLife m_Life;
     const ConnectionPtr m_Connection;
+    const std::string m_Sender; // the unique name
+    const bool m_WantsAnswer;
     // Taken once, by the thread that handles the call or by the one that ends the server.
     std::atomic<GDBusMethodInvocation*> m_Invocation{nullptr};
 };

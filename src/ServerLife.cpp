@@ -4,8 +4,10 @@
 #include <unordered_map>
 #include <utility>
 
+#include "LocalAnswer.h"
 #include "Locks.h"
 #include "OpenCall.h"
+#include "extra/CallTable.h"
 
 namespace Velmora::Internal {
 
@@ -140,6 +142,13 @@ ServerLives::Calls ServerLives::AwaitOtherThreads(const ServerLife& life)
     return calls;
 }
 
+void ServerLives::FailOpen(const ServerLife& life)
+{
+    OpenCall::FailAll(AwaitOtherThreads(life));
+    FailLocalAnswers(life);
+    CallTable::EndCallsOf(life);
+}
+
 void ServerLives::Remove(TCServer* server)
 {
     ServerLife last;
@@ -152,7 +161,7 @@ void ServerLives::Remove(TCServer* server)
         last.state->server = nullptr;
         context = std::move(last.state->context);
     }
-    OpenCall::FailAll(AwaitOtherThreads(last));
+    FailOpen(last);
 }
 
 ServerLife ServerLives::BeginCreate(TCServer* server)
@@ -198,7 +207,7 @@ ServerLife ServerLives::End(TCServer* server)
 
 void ServerLives::AwaitEnd(const ServerLife& life)
 {
-    OpenCall::FailAll(AwaitOtherThreads(life));
+    FailOpen(life);
 }
 
 ServerLife ServerLives::Of(TCServer* server)

@@ -74,6 +74,7 @@ public:
 private:
     using Calls = std::vector<std::shared_ptr<OpenCall>>;
     static Calls AwaitOtherThreads(const ServerLife& life);
+    static void FailOpen(const ServerLife& life);
 };
 
 // Keeps a server from being destroyed while the calling thread is inside it. Must be closed on the

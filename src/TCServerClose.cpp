@@ -4,9 +4,11 @@
 #include <vector>
 
 #include "BusConnection.h"
+#include "LocalAnswer.h"
 #include "Locks.h"
 #include "SendGate.h"
 #include "ServerRegistry.h"
+#include "extra/CallTable.h"
 
 namespace Velmora {
 
@@ -46,8 +48,11 @@ void TCServer::CloseDBusServer()
         return;
     }
     VELMORA_LOGD("waiting all send message/signal finished %ud", m_SendingCount.load());
+    const ServerLife life = ServerLives::Of(this);
+    FailLocalAnswers(life); // a send of this server to itself may wait for one
     Private::AwaitSends(*this);
     VELMORA_LOGD("all send message/signal finished");
+    CallTable::EndCallsOf(life);
     Private::ReleaseBus(*this);
     VELMORA_LOGD("close connection and all close motion finished");
     if (m_ServerType != SERVER_TYPE_PROXY) {

@@ -7,12 +7,18 @@
 
 namespace Velmora {
 
+namespace Internal {
+class PendingCall;
+} // namespace Internal
+
 struct __attribute__((visibility("hidden"))) TCServer::Private
 {
+    class Calling;       // extra/TCServerCall.cpp
     class MovedCall;     // TCServerReceive.cpp
     class Opening;       // TCServerCreate.cpp
     class OperationLock; // SendGate.h
     class PendingReply;  // TCServerSend.cpp
+    class QueuedCall;    // extra/TCServerCall.cpp
     class Registry;      // ServerRegistry.h
     class SendGate;      // SendGate.h
     class Sending;       // TCServerSend.cpp
@@ -26,6 +32,10 @@ struct __attribute__((visibility("hidden"))) TCServer::Private
 
     // Returns false if another thread holds the server, so that the signal may be sent later.
     static bool SendStartSignal(TCServer& server);
+
+    // Starts a call from the server; whatever is wrong becomes its end.
+    static void StartCall(TCServer& server, const std::shared_ptr<Internal::PendingCall>& call,
+                          const char* dest, const TCMessage& message, int timeout);
 
     // What GDBus calls, with a BusHandle as user data.
     struct Callbacks;

@@ -10,6 +10,7 @@
 #include "BusBody.h"
 #include "BusHandle.h"
 #include "BusInterface.h"
+#include "InboundCall.h"
 #include "OpenCall.h"
 #include "SendOwned.h"
 #include "TCServerPrivate.h"
@@ -42,6 +43,94 @@ Arrived ParseCall(GVariant* parameters)
     return arrived;
 }
 
+// Returns whether the caller gets the reply, and not the error reply.
+bool AnswerWith(const TCMessage& reply, const std::string& serviceName, Invocation& invocation)
+try {
+    const BusBody body(serviceName, reply, BusBody::Use::Reply);
+    if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
+        VELMORA_LOGE("cannot reply: %s", reason);
+        return false;
+    }
+    invocation.Answer(body.Build());
+    return true;
+} catch (const std::bad_alloc&) {
+    VELMORA_LOGE("cannot reply: out of memory");
+    return false;
+}
+
+// The answer of a call, taken out of its hook. The call stays open, so that the end of its server's
+// life answers it.
+class BusAnswer : public AnswerLater
+{
+public:
+    BusAnswer(std::string serviceName, std::shared_ptr<OpenCall> call)
+        : m_ServiceName(std::move(serviceName)), m_Call(std::move(call))
+    {}
+    ~BusAnswer() override { Give(nullptr); }
+    BusAnswer(const BusAnswer&) = delete;
+    BusAnswer& operator=(const BusAnswer&) = delete;
+
+    bool Answer(const TCMessage& message) override { return Give(&message); }
+
+private:
+    bool Give(const TCMessage* message)
+    {
+        // So that the end of the life waits for this answer. Without it, the end gives the error
+        // reply.
+        const ServerPin pin(m_Call->Life());
+        if (!pin) {
+            return false;
+        }
+        bool given = false;
+        {
+            Invocation invocation(m_Call->Take());
+            if (invocation.Get() == nullptr) {
+                return false;
+            }
+            given = message != nullptr && AnswerWith(*message, m_ServiceName, invocation);
+        }
+        m_Call->Answered();
+        return given;
+    }
+
+    const std::string m_ServiceName;
+    const std::shared_ptr<OpenCall> m_Call;
+};
+
+// A call whose hook runs.
+class HookedCall : public InboundCall
+{
+public:
+    HookedCall(const std::string& serviceName, const std::shared_ptr<OpenCall>& call,
+               const GDBusMethodInvocation* taken)
+        : InboundCall(call->Connection(), call->Sender(), call->WantsAnswer()),
+          m_ServiceName(serviceName), m_Call(call), m_Taken(taken)
+    {}
+
+    void Hold(Invocation& invocation) override
+    {
+        if (invocation.Get() == m_Taken) { // else of a call that a client handles inside the hook
+            m_Invocation = &invocation;
+        }
+    }
+
+private:
+    std::unique_ptr<AnswerLater> MoveAnswer() override
+    {
+        if (m_Invocation == nullptr) {
+            return nullptr;
+        }
+        auto answer = std::make_unique<BusAnswer>(m_ServiceName, m_Call);
+        m_Call->PutBack(m_Invocation->Release());
+        return answer;
+    }
+
+    const std::string& m_ServiceName;
+    const std::shared_ptr<OpenCall>& m_Call;
+    const GDBusMethodInvocation* const m_Taken;
+    Invocation* m_Invocation = nullptr; // during m_HandleMsg()
+};
+
 } // namespace
 
 // A call on its way to the thread that handles it. If it is destroyed unhandled, in a queue that is
@@ -56,19 +145,26 @@ public:
     void Handle()
     {
         if (const ServerPin server(m_Call->Life()); server) {
-            HandleNow(*server, *m_Call, m_Arrived);
+            HandleNow(*server, m_Call, m_Arrived);
         }
     }
 
-    static void HandleNow(TCServer& server, OpenCall& call, Arrived& arrived)
+    static void HandleNow(TCServer& server, const std::shared_ptr<OpenCall>& call, Arrived& arrived)
     {
-        struct Answered
+        struct Handled
         {
-            ~Answered() { m_Call.Answered(); } // also if the hook throws
+            ~Handled() // also if the hook throws
+            {
+                if (!m_Hooked.IsAnswerTaken()) {
+                    m_Call.Answered();
+                }
+            }
             OpenCall& m_Call;
+            const InboundCall& m_Hooked;
         };
-        if (GDBusMethodInvocation* const invocation = call.Take(); invocation != nullptr) {
-            const Answered answered{call};
+        if (GDBusMethodInvocation* const invocation = call->Take(); invocation != nullptr) {
+            const HookedCall hooked(server.m_ServiceName, call, invocation);
+            const Handled handled{*call, hooked};
             server.m_HandleMsg(arrived.from.release(), arrived.message.release(), invocation);
         }
     }
@@ -146,8 +242,13 @@ void TCServer::Private::Callbacks::DeliverCall(const ServerPin& server, const ch
     }
 
     TCEventIO* target = nullptr;
-    if (server->IfTransferMessage(arrived.from.get(), arrived.message.get(), target) &&
-        target != nullptr) {
+    bool moves = false;
+    {
+        const InboundCall asked(call->Connection(), call->Sender(), call->WantsAnswer());
+        moves = server->IfTransferMessage(arrived.from.get(), arrived.message.get(), target) &&
+                target != nullptr;
+    }
+    if (moves) {
         std::shared_ptr<MovedCall> moved;
         try {
             moved = std::make_shared<MovedCall>(std::move(call), std::move(arrived));
@@ -160,7 +261,7 @@ void TCServer::Private::Callbacks::DeliverCall(const ServerPin& server, const ch
         }
         moved->Handle();
     } else {
-        MovedCall::HandleNow(*server, *call, arrived);
+        MovedCall::HandleNow(*server, call, arrived);
     }
 }
 
@@ -168,21 +269,17 @@ void TCServer::m_HandleMsg(const char* rawFrom, const TCMessage* rawMessage,
                            GDBusMethodInvocation* rawInvocation)
 {
     Invocation invocation(rawInvocation);
+    if (InboundCall* const call = InboundCall::Current(); call != nullptr) {
+        call->Hold(invocation);
+    }
     TCMessage reply;
     {
         const std::unique_ptr<const char[]> from(rawFrom);
         const std::unique_ptr<const TCMessage> message(rawMessage);
         IfMessageReceived(from.get(), message.get(), &reply, nullptr);
     }
-    try {
-        const BusBody body(m_ServiceName, reply, BusBody::Use::Reply);
-        if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
-            VELMORA_LOGE("cannot reply: %s", reason);
-            return;
-        }
-        invocation.Answer(body.Build());
-    } catch (const std::bad_alloc&) {
-        VELMORA_LOGE("cannot reply: out of memory");
+    if (invocation.Get() != nullptr) { // else a TCReply has it
+        AnswerWith(reply, m_ServiceName, invocation);
     }
 }
 

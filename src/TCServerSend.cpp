@@ -8,6 +8,7 @@
 #include "BusBody.h"
 #include "BusInterface.h"
 #include "BusNames.h"
+#include "DirectCall.h"
 #include "SendGate.h"
 #include "SendOwned.h"
 #include "ServerRegistry.h"
@@ -72,7 +73,8 @@ public:
         : m_Server(server), m_Dest(dest), m_Message(message)
     {}
 
-    bool Directly(TCServer& target, TCMessage& reply) const;
+    // Leaves the target if the answer comes later.
+    bool Directly(ServerPin& target, TCMessage& reply, int timeout) const;
     // Returns false if the target has no queue, or the queue refuses the message.
     bool AsEvent(TCServer& target) const;
     bool OverBus(std::string target, bool sync, TCMessage* reply, int timeout) const;
@@ -119,9 +121,9 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
 
     const Private::Sending sending(*this, dest, *message);
     std::string name;
-    if (const ServerPin target = ServerRegistry::Enter(dest, &name); target) {
+    if (ServerPin target = ServerRegistry::Enter(dest, &name); target) {
         if (sync) {
-            return sending.Directly(*target, *reply);
+            return sending.Directly(target, *reply, timeout);
         }
         if (reply == nullptr && sending.AsEvent(*target)) {
             return true;
@@ -132,11 +134,16 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
     return sending.OverBus(std::move(name), sync, reply, timeout);
 }
 
-bool TCServer::Private::Sending::Directly(TCServer& target, TCMessage& reply) const
+bool TCServer::Private::Sending::Directly(ServerPin& target, TCMessage& reply, int timeout) const
 {
     VELMORA_LOGI("send sync message in one process");
     const TCMessage copy(m_Message);
-    target.IfMessageReceived(m_Server.m_ServiceName.c_str(), &copy, &reply, nullptr);
+    DirectCall call(target.Life());
+    target->IfMessageReceived(m_Server.m_ServiceName.c_str(), &copy, &reply, nullptr);
+    if (call.IsAnswerTaken()) {
+        target.Close(); // its end must not wait for the answer, but gives the error reply
+        call.AwaitAnswer(reply, timeout);
+    }
     reply.Generate();
     return true;
 }
@@ -165,6 +172,7 @@ bool TCServer::Private::Sending::AsEvent(TCServer& target) const
 void Internal::DeliverTransferredMessage(const TCEvent& event)
 {
     TCMessage thrownAway;
+    const DirectCall::AnswerUnwanted unwanted;
     TCServer::SendMessage(NameIn(event.data.m_Json, "from").c_str(),
                           NameIn(event.data.m_Json, "dest").c_str(),
                           static_cast<const TCMessage*>(event.param.p), true, &thrownAway);

@@ -5,6 +5,7 @@
 #include "BusBody.h"
 #include "BusHandle.h"
 #include "BusNames.h"
+#include "InboundCall.h"
 #include "SendGate.h"
 #include "ServerRegistry.h"
 
@@ -201,8 +202,8 @@ bool IsNamed(const char* sender, const char* path, const char* interfaceName,
 
 } // namespace
 
-void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sender,
-                                const char* path, const char* interfaceName, const char* signalName,
+void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* sender, const char* path,
+                                const char* interfaceName, const char* signalName,
                                 GVariant* parameters, void* userData)
 {
     if (!IsNamed(sender, path, interfaceName, signalName)) {
@@ -212,17 +213,18 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         VELMORA_LOG_NULL("pThis");
         return;
     }
+    const InboundCall signal(connection, sender != nullptr ? sender : "", false);
     Private::Callbacks::DeliverSignal(ServerPin(static_cast<TCServer*>(userData)), interfaceName,
                                       signalName, parameters);
 }
 
-void TCServer::Private::Callbacks::m_DSignalHandler(GDBusConnection* /*connection*/,
-                                                    const char* sender, const char* path,
-                                                    const char* interfaceName,
+void TCServer::Private::Callbacks::m_DSignalHandler(GDBusConnection* connection, const char* sender,
+                                                    const char* path, const char* interfaceName,
                                                     const char* signalName, GVariant* parameters,
                                                     void* handle)
 {
     if (IsNamed(sender, path, interfaceName, signalName)) {
+        const InboundCall signal(connection, sender != nullptr ? sender : "", false);
         DeliverSignal(ServerPin(BusHandle::LifeOf(handle)), interfaceName, signalName, parameters);
     }
 }
