@@ -8,6 +8,7 @@
 #include "GLibPtr.h"
 #include "Locks.h"
 #include "TCEventIOPrivate.h"
+#include "extra/OnContext.h"
 
 namespace Velmora {
 
@@ -31,15 +32,10 @@ struct __attribute__((visibility("hidden"))) TCTask::Private
     // ever.
     static GMainContext* RefContextAfterSetup(TCTask& task);
 
-    // The task that an InsistOnExit serves; null once its Destroy is over.
-    using Waiting = std::shared_ptr<std::atomic<TCTask*>>;
-
-    // Lets InsistOnExit run once on the context.
-    static void AttachInsistence(const Waiting& waiting, GMainContext* context);
-
-    // Runs while Destroy waits, in case its exit event was refused, or came to a queue that does
-    // not dispatch any more. Everything else that may happen to the event is seen where it happens.
-    static gboolean InsistOnExit(gpointer data);
+    // Runs once on the loop while Destroy waits, in case its exit event was refused, or came to a
+    // queue that does not dispatch any more. Everything else that may happen to the event is seen
+    // where it happens.
+    static void InsistOnExit(TCTask& task);
 };
 
 namespace {
@@ -263,14 +259,18 @@ void TCTask::Destroy()
     }
     const Lock lock(m_DestroyMutex);
     ContextPtr context(Private::RefContextAfterSetup(*this));
-    // The source of InsistOnExit is not destroyed here but with its context, which another thread
-    // may hold (an alarm does) and release at any moment: GLib lets nobody destroy a source of a
-    // context that is being freed.
+    // What is posted to the context for InsistOnExit is not taken back here but destroyed with the
+    // context, which another thread may hold (an alarm does) and release at any moment: GLib lets
+    // nobody destroy a source of a context that is being freed.
     const auto waiting = std::make_shared<std::atomic<TCTask*>>(this);
     if (context) {
         TCEventIO::Private::Report(*this, TCEventIO::Private::PostExit(*this));
         if (m_Thread != nullptr) {
-            Private::AttachInsistence(waiting, context.get());
+            PostToContext(context.get(), [waiting] {
+                if (TCTask* const task = *waiting; task != nullptr) {
+                    Private::InsistOnExit(*task);
+                }
+            });
         }
         context.reset(); // the task's thread must be the last to release it
     }
@@ -291,24 +291,11 @@ GMainContext* TCTask::Private::RefContextAfterSetup(TCTask& task)
     return task.m_TaskLoop != nullptr ? g_main_context_ref(task.m_Context) : nullptr;
 }
 
-void TCTask::Private::AttachInsistence(const Waiting& waiting, GMainContext* context)
+void TCTask::Private::InsistOnExit(TCTask& task)
 {
-    GSource* const source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, &InsistOnExit, new Waiting(waiting),
-                          [](gpointer data) { delete static_cast<Waiting*>(data); });
-    g_source_attach(source, context);
-    g_source_unref(source);
-}
-
-gboolean TCTask::Private::InsistOnExit(gpointer data)
-{
-    TCTask* const task = **static_cast<Waiting*>(data);
-    if (task != nullptr &&
-        g_main_loop_is_running(task->m_TaskLoop)) { // else only a nested loop still runs
-        TCEventIO::Private::PursueExit(*task);
+    if (g_main_loop_is_running(task.m_TaskLoop)) { // else only a nested loop still runs
+        TCEventIO::Private::PursueExit(task);
     }
-    return G_SOURCE_REMOVE;
 }
 
 const char* Internal::QueueName(const TCTask& task)

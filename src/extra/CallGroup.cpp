@@ -56,7 +56,7 @@ void CallGroup::NoteEnd()
 
 void CallGroup::Deliver()
 {
-    if (HasReturned()) { // detached
+    if (IsOver()) { // detached
         return;
     }
     // Destroyed with the last copy of the callable, run or not.
@@ -67,7 +67,7 @@ void CallGroup::Deliver()
 
 void CallGroup::NoteUndelivered()
 {
-    if (IsOver()) {
+    if (HasBegun()) {
         return;
     }
     if (m_IfUndelivered == IfUndelivered::Destroy) {
@@ -139,14 +139,13 @@ void CallGroup::Detach()
     }
 }
 
-bool CallGroup::IsOver() const
+bool CallGroup::HasBegun() const
 {
     const Lock lock(m_Mutex);
-    return m_State == State::Over ||
-           (m_State == State::Running && m_Runner == std::this_thread::get_id());
+    return m_State != State::Waiting;
 }
 
-bool CallGroup::HasReturned() const
+bool CallGroup::IsOver() const
 {
     const Lock lock(m_Mutex);
     return m_State == State::Over;

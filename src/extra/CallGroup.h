@@ -42,10 +42,10 @@ public:
     void Abandon();
     // The handler is not called from now on, whatever it was for.
     void Detach();
-    // The handler has been called or destroyed, or runs on the calling thread.
+    // The handler runs, has run or was destroyed.
+    bool HasBegun() const;
+    // The handler does not run any more.
     bool IsOver() const;
-    // The same, but on no thread the handler runs.
-    bool HasReturned() const;
 
 private:
     enum class State { Waiting, Running, Over };

@@ -25,11 +25,11 @@ struct TCCall::Impl
                    CallGroup::Handler handler)
     {
         const Lock lock(mutex);
-        if (!groups.empty() && !groups.back()->IsOver()) {
+        if (!groups.empty() && !groups.back()->HasBegun()) {
             return nullptr;
         }
         groups.erase(std::remove_if(groups.begin(), groups.end(),
-                                    [](const GroupPtr& group) { return group->HasReturned(); }),
+                                    [](const GroupPtr& group) { return group->IsOver(); }),
                      groups.end());
         groups.push_back(
             CallGroup::Make(size, std::move(where), ifUndelivered, std::move(handler)));
