@@ -4,6 +4,7 @@
 #include <random>
 
 #include "BusHarness.h"
+#include "Held.h"
 #include "sennet-extra.h"
 
 using namespace Velmora;
@@ -17,26 +18,6 @@ std::string Said(const TCCallResult& result)
 {
     return std::string(ToString(result.kind)) + " " + result.text + " " + result.errorName;
 }
-
-// Nothing of the queue is dispatched while this exists.
-class Held
-{
-public:
-    explicit Held(TCEventIO* queue)
-    {
-        Run(queue, [this] {
-            m_Begun.set_value();
-            m_Go.get_future().wait();
-        });
-        m_Begun.get_future().wait();
-    }
-    ~Held() { m_Go.set_value(); }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-
-private:
-    std::promise<void> m_Begun, m_Go;
-};
 
 TCCallOptions To(TCEventIO* queue, int timeout = -1)
 {
@@ -334,16 +315,14 @@ TEST_F(CallTest, QueueThatDoesNotTakeTheResultDestroysTheCallback)
     }
     gone->Destroy();
     gone.reset();
-    std::promise<void> go; // no event of the queue is dispatched
-    std::thread hold([&] { dispatcher.Run([&] { go.get_future().wait(); }); });
+    Held held(dispatcher);
     for (TCCall& call : calls) {
         call.Cancel();
     }
     Await([&] { return swept.CountEvent() == 1; });
     swept.Final();
     Await([&] { return captured.use_count() == 2; }); // this one's and the lambda's
-    go.set_value();
-    hold.join();
+    held.Release();
     EXPECT_EQ(*captured, 0);
     EXPECT_TRUE(calls[0].Start(proxy, "nobody", message, [](const TCCallResult&) {}));
 }

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "BusHarness.h"
+#include "Held.h"
 #include "sennet-extra.h"
 
 using namespace Velmora;
@@ -106,16 +107,14 @@ TEST_F(CoroutineTest, IsResumedOnceWhateverEndsTheCall)
 
     Queue swept; // takes the result and is cleared
     ASSERT_TRUE(swept.Init(nullptr));
-    std::promise<void> go;
-    std::thread hold([&] { dispatcher.Run([&] { go.get_future().wait(); }); });
+    Held held(dispatcher);
     options.queue = &swept;
     run(options);
     Await([&] { return swept.CountEvent() == 1; });
     swept.Final();
     AwaitCount(3);
     EXPECT_EQ(kind, Kind::Cancelled);
-    go.set_value();
-    hold.join();
+    held.Release();
 
     std::optional<TCCall> destroyed(std::in_place);
     const auto wait = [&]() -> Coroutine {

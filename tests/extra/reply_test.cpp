@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "BusHarness.h"
+#include "Held.h"
 #include "sennet-extra.h"
 
 using namespace Velmora;
@@ -232,13 +233,11 @@ TEST_F(ReplyTest, HookLearnsWhoCalls)
 
     // The peer has left before the bus is asked: nothing is known, and nobody is let in.
     auto gone = std::make_unique<RawPeer>();
-    std::promise<void> go;
-    std::thread hold([&] { dispatcher.Run([&] { go.get_future().wait(); }); });
+    Held held(dispatcher);
     auto unanswered = gone->CallLater("late.callee.message");
     g_dbus_connection_flush_sync(gone->Get(), nullptr, nullptr);
     gone.reset();
-    go.set_value();
-    hold.join();
+    held.Release();
     Await([&] { return hooks == 5; });
     EXPECT_TRUE(caller);
     EXPECT_NE(caller.User(), 0U);
