@@ -132,10 +132,10 @@ public:
         }
         MakeLegal(target);
         const BusBody body(m_Server.m_ServiceName, m_Message, BusBody::Use::Request);
-        if (!IsInterfaceName(target)) {
-            m_Call->End({Kind::Refused, "the name is not legal on D-Bus"});
-        } else if (const char* const reason = body.WhyNotCarried(); reason != nullptr) {
-            m_Call->End({Kind::Refused, reason});
+        const char* const reason =
+            IsInterfaceName(target) ? body.WhyNotCarried() : "the name is not legal on D-Bus";
+        if (reason != nullptr) {
+            m_Call->End({Kind::Refused, std::string("cannot send the message: ") + reason});
         } else {
             Send(target, body);
         }

@@ -9,6 +9,9 @@ namespace Ctl {
 
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2, kTimedOut = 3 };
 
+// The library tells some reasons in its log alone.
+constexpr char kSeeLog[] = "SENNET_LOG_LEVEL=error shows why";
+
 // Ends the tool with this exit code; the text is its one line on standard error. Do not throw it
 // from a callback of GLib, because an exception must not pass through C code.
 class Failure : public std::runtime_error

@@ -3,18 +3,21 @@
 
 #include "Failure.h"
 #include "Json.h"
-#include "LibraryErrors.h"
 #include "Printable.h"
+#include "TCCall.h"
 
 namespace Ctl {
 
 using Velmora::TCMessage;
 
+using Kind = Velmora::TCCallResult::Kind;
+
 namespace {
 
-bool ReportsFailure(const TCMessage& answer)
+Failure CallFailure(const std::string& service, const Velmora::TCCallResult& result)
 {
-    return answer.m_Json.isObject() && answer.m_Json["dbus_result"] == "fail";
+    return result.kind == Kind::NoService ? NoService(service)
+                                          : Failure(kFailed, service + ": " + result.text);
 }
 
 } // namespace
@@ -24,7 +27,7 @@ ToolServer::ToolServer(const std::string& name, TCServerType type)
 {
     if (!CreateDBusServer()) {
         CloseDBusServer();
-        throw Failure(kFailed, "cannot open an endpoint on the bus: " + LastLibraryError());
+        throw Failure(kFailed, "cannot open an endpoint on the bus; " + std::string(kSeeLog));
     }
 }
 
@@ -36,19 +39,28 @@ ToolServer::~ToolServer()
 
 TCMessage ToolServer::Call(const std::string& service, const TCMessage& message, int timeout)
 {
-    TCMessage answer;
-    const gint64 start = g_get_monotonic_time();
-    if (SendMessage(service.c_str(), &message, true, &answer, timeout)) {
-        return answer;
-    }
-    if (ReportsFailure(answer)) {
+    Velmora::TCCallResult result =
+        Velmora::TCCall().Start(*this, service.c_str(), message, timeout).get();
+    switch (result.kind) {
+    case Kind::Replied:
+        return std::move(result.reply);
+    case Kind::Failed:
         throw Failure(kFailed, service + ": the answer reports a failure: " +
-                                   PrintableName(CompactJson(answer.m_Json)));
-    }
-    if (g_get_monotonic_time() - start >= gint64{timeout} * 1000) {
+                                   PrintableName(CompactJson(result.reply.m_Json)));
+    case Kind::NoAnswer:
         throw NoAnswer(service, timeout);
+    default:
+        throw CallFailure(service, result);
     }
-    throw SendFailure(service);
+}
+
+void ToolServer::Post(const std::string& service, const TCMessage& message)
+{
+    if (!SendMessage(service.c_str(), &message, false, nullptr)) {
+        // Refused in the same way, and nothing is sent.
+        throw CallFailure(service,
+                          Velmora::TCCall().Start(*this, service.c_str(), message, 0).get());
+    }
 }
 
 } // namespace Ctl

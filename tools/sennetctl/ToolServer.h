@@ -25,6 +25,9 @@ public:
     Velmora::TCMessage Call(const std::string& service, const Velmora::TCMessage& message,
                             int timeout);
 
+    // Sends a message that needs no answer. Throws a Failure if it cannot be sent.
+    void Post(const std::string& service, const Velmora::TCMessage& message);
+
 private:
     ConnectionPtr m_Bus;
 };

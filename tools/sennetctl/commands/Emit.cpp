@@ -5,7 +5,6 @@
 #include "CommandLine.h"
 #include "CommandTable.h"
 #include "Failure.h"
-#include "LibraryErrors.h"
 #include "MessageArguments.h"
 #include "ServiceNames.h"
 #include "ToolServer.h"
@@ -34,7 +33,7 @@ int RunEmit(CommandLine& line)
     // No main loop runs, so the server handles no calls and emits no start signal.
     ToolServer server(service, ToolServer::SERVER_TYPE_SERVICE);
     if (!server.SendSignal(signal.c_str(), &message)) {
-        throw Failure(kFailed, "cannot emit " + signal + ": " + LastLibraryError());
+        throw Failure(kFailed, "cannot emit " + signal + "; " + kSeeLog);
     }
     if (!server.IsServiceAvailable(service.c_str())) {
         // The bus has refused the name. Let GDBus see that, or it would try to release the name.

@@ -10,7 +10,6 @@
 #include "CommandLine.h"
 #include "CommandTable.h"
 #include "Failure.h"
-#include "LibraryErrors.h"
 #include "MessageFormat.h"
 #include "OutputWriter.h"
 #include "Printable.h"
@@ -65,7 +64,7 @@ public:
         const char* const from = filter.from ? filter.from->c_str() : nullptr;
         for (const std::string& signal : filter.names) {
             if (!m_Server.SubscribeSignal(from, signal.c_str(), &Listener::OnSignal, this)) {
-                throw Failure(kFailed, "cannot subscribe to " + signal + ": " + LastLibraryError());
+                throw Failure(kFailed, "cannot subscribe to " + signal + "; " + kSeeLog);
             }
         }
         // GDBus subscribes without waiting. The bus handles requests in order, so after this answer

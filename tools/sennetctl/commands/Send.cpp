@@ -7,7 +7,6 @@
 #include "CommandLine.h"
 #include "CommandTable.h"
 #include "Failure.h"
-#include "LibraryErrors.h"
 #include "MessageArguments.h"
 #include "MessageFormat.h"
 #include "OutputWriter.h"
@@ -43,9 +42,7 @@ void WriteBuffer(const TCMessage& answer, std::ofstream& stream, const std::stri
 int SendAndForget(const std::string& service, const TCMessage& message)
 {
     ToolServer server(kToolName, ToolServer::SERVER_TYPE_PROXY);
-    if (!server.SendMessage(service.c_str(), &message, false, nullptr)) {
-        throw SendFailure(service);
-    }
+    server.Post(service, message);
     return kDone;
 }
 
