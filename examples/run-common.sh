@@ -4,11 +4,14 @@
 set -eu
 programs=$1
 
-# Starts a service and waits until its name is on the bus.
+# Starts a service and waits until its name is on the bus: PROGRAM NAME [ARGUMENT...]
 start() {
-    "$programs/$1" &
+    program=$1
+    name=$2
+    shift 2
+    "$programs/$program" "$@" &
     service=$!
-    gdbus wait --system --timeout 20 "$2"
+    gdbus wait --system --timeout 20 "$name"
 }
 
 # Ends the service, and fails if it failed.
