@@ -12,6 +12,13 @@
 
 namespace Velmora {
 
+/// @cond internal
+namespace Internal {
+// Writes a warning if the bus has not granted the server's name a second later.
+SENNET_API void WarnIfUnnamed(TCServer& server);
+} // namespace Internal
+/// @endcond
+
 /// Keeps an object open for a scope. The class is a TCServer, a TCTask or both.
 ///
 /// The scope constructs the object, creates the task, so that the first message finds its queue,
@@ -41,7 +48,9 @@ class TCScope
     static_assert(kIsServer || kIsTask, "TCScope is for servers and tasks");
 
 public:
-    /// Blocks like TCServer::CreateDBusServer(). The thread of a task is named after its queue.
+    /// Blocks like TCServer::CreateDBusServer(). The thread of a task is named after its queue. If
+    /// the bus has not granted the server's name after a second, a main loop that runs on the
+    /// context writes a warning.
     /// @param arguments passed to the constructor of T
     template <typename... Arguments>
     explicit TCScope(Arguments&&... arguments)
@@ -87,7 +96,10 @@ private:
             }
         }
         if constexpr (kIsServer) {
-            return m_Object.TCServer::CreateDBusServer();
+            if (!m_Object.TCServer::CreateDBusServer()) {
+                return false;
+            }
+            Internal::WarnIfUnnamed(m_Object);
         }
         return true;
     }

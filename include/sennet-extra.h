@@ -5,5 +5,8 @@
 
 #include "TCCall.h"
 #include "TCCaller.h"
+#include "TCNameWatch.h"
+#include "TCOwnerSignal.h"
 #include "TCRateLimit.h"
+#include "TCReconnect.h"
 #include "TCReply.h"

@@ -7,6 +7,7 @@
 #include "LocalAnswer.h"
 #include "Locks.h"
 #include "OpenCall.h"
+#include "extra/BusUse.h"
 #include "extra/CallTable.h"
 
 namespace Velmora::Internal {
@@ -36,6 +37,7 @@ struct ServerState
     ContextPtr context SENNET_THREAD_SAFETY(guarded_by(g_LivesMutex));
     bool open SENNET_THREAD_SAFETY(guarded_by(g_LivesMutex)) = false;
     bool named SENNET_THREAD_SAFETY(guarded_by(g_LivesMutex)) = false;
+    bool nameLost SENNET_THREAD_SAFETY(guarded_by(g_LivesMutex)) = false;
     // The first of the open pins. They link themselves, so that opening one needs no memory.
     ServerPin* pins SENNET_THREAD_SAFETY(guarded_by(g_LivesMutex)) = nullptr;
     std::unordered_map<const OpenCall*, CallEntry>
@@ -147,6 +149,7 @@ void ServerLives::FailOpen(const ServerLife& life)
     OpenCall::FailAll(AwaitOtherThreads(life));
     FailLocalAnswers(life);
     CallTable::EndCallsOf(life);
+    BusUse::EndAllOf(life);
 }
 
 void ServerLives::Remove(TCServer* server)
@@ -174,6 +177,7 @@ ServerLife ServerLives::BeginCreate(TCServer* server)
     }
     state->context.swap(context);
     state->named = false;
+    state->nameLost = false;
     return {state, state->number};
 }
 
@@ -188,7 +192,27 @@ bool ServerLives::NoteName(const ServerLife& life)
 {
     const Lock lock(g_LivesMutex);
     life.state->named = true;
+    life.state->nameLost = false;
     return life.state->open;
+}
+
+void ServerLives::NoteNameLost(const ServerLife& life)
+{
+    const Lock lock(g_LivesMutex);
+    life.state->named = false;
+    life.state->nameLost = true;
+}
+
+bool ServerLives::IsNamed(const ServerLife& life)
+{
+    const Lock lock(g_LivesMutex);
+    return life.state->named;
+}
+
+bool ServerLives::IsNameLost(const ServerLife& life)
+{
+    const Lock lock(g_LivesMutex);
+    return life.state->nameLost;
 }
 
 void ServerLives::Close(TCServer* server)
@@ -221,6 +245,13 @@ ContextPtr ServerLives::TakeContext(TCServer* server)
 {
     const Lock lock(g_LivesMutex);
     return std::move(StateOf(server)->context);
+}
+
+ContextPtr ServerLives::ContextOf(TCServer* server)
+{
+    const Lock lock(g_LivesMutex);
+    const ContextPtr& context = StateOf(server)->context;
+    return ContextPtr(context ? g_main_context_ref(context.get()) : nullptr);
 }
 
 void ServerLives::BeginCall(const ServerLife& life, const std::shared_ptr<OpenCall>& call)

@@ -48,6 +48,10 @@ public:
     // The server has got its name. Returns whether it is open; if not, EndCreate() will see the
     // name.
     static bool NoteName(const ServerLife& life);
+    // The bus has answered that another one has the name, or that it refuses it.
+    static void NoteNameLost(const ServerLife& life);
+    static bool IsNamed(const ServerLife& life);
+    static bool IsNameLost(const ServerLife& life);
     // The server has left the bus.
     static void Close(TCServer* server);
 
@@ -62,6 +66,8 @@ public:
     // Hands over the context on which the callbacks of the last create run. It is not kept longer:
     // what is queued on a context holds the life, so the two would keep each other for ever.
     static ContextPtr TakeContext(TCServer* server);
+    // One reference to that context; null if the server is closed.
+    static ContextPtr ContextOf(TCServer* server);
 
     // A call is open between these two. The end of its life gives it the error reply, or waits for
     // the thread that is just destroying it.

@@ -87,6 +87,13 @@ bool TCServer::Private::IsConnected(const TCServer& server)
     return connection != nullptr && g_dbus_connection_is_closed(connection) == 0;
 }
 
+ConnectionPtr TCServer::Private::OpenConnection(const TCServer& server)
+{
+    GDBusConnection* const connection = server.m_FlagOpen ? server.m_Connection.load() : nullptr;
+    return ConnectionPtr(
+        connection != nullptr ? static_cast<GDBusConnection*>(g_object_ref(connection)) : nullptr);
+}
+
 bool TCServer::IsServiceAvailable(const char* serviceName)
 {
     if (serviceName == nullptr) {

@@ -8,6 +8,7 @@
 #include "Locks.h"
 #include "SendGate.h"
 #include "ServerRegistry.h"
+#include "extra/BusUse.h"
 #include "extra/CallTable.h"
 
 namespace Velmora {
@@ -53,6 +54,7 @@ void TCServer::CloseDBusServer()
     Private::AwaitSends(*this);
     VELMORA_LOGD("all send message/signal finished");
     CallTable::EndCallsOf(life);
+    BusUse::EndAllOf(life);
     Private::ReleaseBus(*this);
     VELMORA_LOGD("close connection and all close motion finished");
     if (m_ServerType != SERVER_TYPE_PROXY) {

@@ -24,6 +24,10 @@ struct __attribute__((visibility("hidden"))) TCServer::Private
     class Sending;       // TCServerSend.cpp
 
     static bool IsConnected(const TCServer& server);
+    // One reference to the connection; null if the server is not open. With the send gate open.
+    static Internal::ConnectionPtr OpenConnection(const TCServer& server);
+    static const std::string& BusName(const TCServer& server) { return server.m_DBusName; }
+    static bool IsProxy(const TCServer& server) { return server.m_ServerType == SERVER_TYPE_PROXY; }
 
     // With m_ServerMutex held, so that no further send begins. Waits for the end of all sends.
     static void AwaitSends(TCServer& server);

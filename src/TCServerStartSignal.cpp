@@ -72,9 +72,12 @@ void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const char* /*name*
 }
 
 void TCServer::Private::Callbacks::m_OnNameLost(GDBusConnection* /*connection*/,
-                                                const char* /*name*/, void* /*handle*/)
+                                                const char* /*name*/, void* handle)
 {
     VELMORA_LOGI("");
+    if (const ServerPin server(BusHandle::LifeOf(handle)); server) {
+        ServerLives::NoteNameLost(server.Life());
+    }
 }
 
 } // namespace Velmora

@@ -128,7 +128,7 @@ Line& LineOf(Table& all, GDBusConnection* connection, const std::shared_ptr<Serv
     if (line.loss == nullptr) {
         line.loss = LossWatch::Of(connection);
         if (line.loss != nullptr) {
-            line.loss->OnLost([connection] { EndCallsOn(connection); });
+            line.loss->OnLost(&all, [connection] { EndCallsOn(connection); });
         }
     }
     if (std::find(line.servers.begin(), line.servers.end(), server) == line.servers.end()) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <vector>
 
 #include "GLibPtr.h"
@@ -25,7 +26,7 @@ struct LossWatch::State
 
     Mutex mutex;
     bool lost SENNET_THREAD_SAFETY(guarded_by(mutex)) = false;
-    std::vector<Callback> callbacks SENNET_THREAD_SAFETY(guarded_by(mutex));
+    std::map<const void*, Callback> callbacks SENNET_THREAD_SAFETY(guarded_by(mutex));
 };
 
 namespace {
@@ -64,13 +65,13 @@ bool RemoveUnanswered(const Predicate& predicate)
 
 void NoteLoss(LossWatch::State& state)
 {
-    std::vector<Callback> callbacks;
+    std::map<const void*, Callback> callbacks;
     {
         const Lock lock(state.mutex);
         state.lost = true;
         callbacks.swap(state.callbacks);
     }
-    for (const Callback& callback : callbacks) {
+    for (const auto& [key, callback] : callbacks) {
         callback();
     }
 }
@@ -137,7 +138,7 @@ std::shared_ptr<LossWatch> LossWatch::Of(GDBusConnection* connection)
 
 LossWatch::~LossWatch()
 {
-    std::vector<Callback> dropped; // destroyed after the lock
+    std::map<const void*, Callback> dropped; // destroyed after the lock
     {
         const Lock lock(m_State->mutex);
         dropped.swap(m_State->callbacks);
@@ -145,16 +146,27 @@ LossWatch::~LossWatch()
     g_cancellable_cancel(m_State->cancellable.get());
 }
 
-void LossWatch::OnLost(Callback callback)
+void LossWatch::OnLost(const void* key, Callback callback)
 {
     {
         const Lock lock(m_State->mutex);
         if (!m_State->lost) {
-            m_State->callbacks.push_back(std::move(callback));
+            m_State->callbacks.emplace(key, std::move(callback));
             return;
         }
     }
     LibraryThread::Run(std::move(callback));
+}
+
+void LossWatch::Forget(const void* key)
+{
+    Callback dropped; // destroyed after the lock
+    const Lock lock(m_State->mutex);
+    const auto found = m_State->callbacks.find(key);
+    if (found != m_State->callbacks.end()) {
+        dropped = std::move(found->second);
+        m_State->callbacks.erase(found);
+    }
 }
 
 bool LossWatch::TakesAnswer(GDBusConnection* connection, GDBusMessage* message)

@@ -30,8 +30,10 @@ public:
     ~LossWatch();
 
     // Calls back once on the library's thread when the connection is lost, also if it was lost
-    // before. What has not been called by then is destroyed with the watch.
-    void OnLost(std::function<void()> callback);
+    // before. The key tells the callbacks apart; a second one with the same key is dropped. What
+    // has not been called by then is destroyed with the watch.
+    void OnLost(const void* key, std::function<void()> callback);
+    void Forget(const void* key);
 
     // For the filter, on the worker thread: whether the message is the answer to be dropped.
     static bool TakesAnswer(GDBusConnection* connection, GDBusMessage* message);
