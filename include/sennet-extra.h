@@ -10,3 +10,4 @@
 #include "TCRateLimit.h"
 #include "TCReconnect.h"
 #include "TCReply.h"
+#include "TCWatchdog.h"

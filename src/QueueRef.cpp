@@ -104,19 +104,28 @@ QueueRef::QueueRef(TCEventIO& queue)
     m_Life = life;
 }
 
+bool QueueRef::IsReady() const
+{
+    const QueuePin pin(m_Life.get());
+    return pin.Queue() != nullptr && TCEventIO::Private::IsReady(*pin.Queue());
+}
+
 bool QueueRef::Post(std::function<void()>& callable) const
 {
     const QueuePin pin(m_Life.get());
-    return pin.Queue() != nullptr &&
-           PostCallable(*pin.Queue(), callable, &TCEventIO::Private::PostQuietly).value_or(false);
+    const auto post = [](TCEventIO& queue, std::unique_ptr<TCEvent> entry) {
+        return TCEventIO::Private::PostQuietly(queue, std::move(entry), false);
+    };
+    return pin.Queue() != nullptr && PostCallable(*pin.Queue(), callable, post).value_or(false);
 }
 
-std::optional<bool> QueueRef::TryPost(std::function<void()>& callable) const
+std::optional<bool> QueueRef::TryPost(std::function<void()>& callable, bool urgent) const
 {
     const QueuePin pin(m_Life.get());
-    return pin.Queue() != nullptr
-               ? PostCallable(*pin.Queue(), callable, &TCEventIO::Private::TryPostQuietly)
-               : false;
+    const auto post = [urgent](TCEventIO& queue, std::unique_ptr<TCEvent> entry) {
+        return TCEventIO::Private::TryPostQuietly(queue, std::move(entry), urgent);
+    };
+    return pin.Queue() != nullptr ? PostCallable(*pin.Queue(), callable, post) : false;
 }
 
 void QueueRef::Leave(TCEventIO& queue)

@@ -20,13 +20,17 @@ public:
 
     explicit operator bool() const { return m_Life != nullptr; }
 
+    // Whether the queue exists and is between Init() and Final().
+    bool IsReady() const;
+
     // Queues the callable as EVENT_EXECUTE_FUNCTION; returns false, without a log line, if the
     // queue is gone or does not take it. The callable is moved from only if it was queued. Runs no
     // client code.
     bool Post(std::function<void()>& callable) const;
     // The same, but waits for nothing: for the worker thread of GDBus, since whoever holds the
     // queue's lock may wait for the bus. Empty if another thread holds that lock.
-    std::optional<bool> TryPost(std::function<void()>& callable) const;
+    // `urgent` puts it before all entries.
+    std::optional<bool> TryPost(std::function<void()>& callable, bool urgent = false) const;
 
     // For the destructor of a queue: nothing is posted from now on. Waits for the posts of other
     // threads.

@@ -167,19 +167,19 @@ TCEventIO::PostResult TCEventIO::Private::PostOwned(TCEventIO& queue,
     return result;
 }
 
-bool TCEventIO::Private::PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry)
+bool TCEventIO::Private::PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry, bool urgent)
 {
-    return PostOwned(queue, std::move(entry), false) == PostResult::Queued;
+    return PostOwned(queue, std::move(entry), urgent) == PostResult::Queued;
 }
 
 std::optional<bool> TCEventIO::Private::TryPostQuietly(TCEventIO& queue,
-                                                       std::unique_ptr<TCEvent> entry)
+                                                       std::unique_ptr<TCEvent> entry, bool urgent)
 {
     if (!queue.m_QueueMutex.Try(0)) {
         return std::nullopt;
     }
     const Lock lock(queue.m_QueueMutex, std::adopt_lock);
-    return PostQuietly(queue, std::move(entry));
+    return PostQuietly(queue, std::move(entry), urgent);
 }
 
 // Writes the byte of the node's entry and links the entry at one end of the list, or does neither.

@@ -34,6 +34,7 @@ struct __attribute__((visibility("hidden"))) TCEventIO::Private
     // queue's lock.
     static constexpr unsigned long kLockWait = 1000; // microseconds
 
+    static bool IsReady(const TCEventIO& queue) { return queue.m_FlagCreate; }
     static const char* Name(const TCEventIO& queue) { return queue.m_Name.c_str(); }
 
     // TCEventIO.cpp: the list of entries
@@ -46,9 +47,10 @@ struct __attribute__((visibility("hidden"))) TCEventIO::Private
     static PostResult PostOwned(TCEventIO& queue, std::unique_ptr<TCEvent> entry, bool urgent);
 
     // The same without a log line if the queue does not take the entry; returns whether it did.
-    static bool PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry);
+    static bool PostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry, bool urgent);
     // The same, but waits for nothing; empty if another thread holds the queue's lock.
-    static std::optional<bool> TryPostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry);
+    static std::optional<bool> TryPostQuietly(TCEventIO& queue, std::unique_ptr<TCEvent> entry,
+                                              bool urgent);
 
     // Returns whether an entry was queued; writes the error line if not.
     static bool Report(const TCEventIO& queue, PostResult result);
