@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 # sennet_install_service(TARGET <target> NAME <service name> USER <user> [GROUP <group>]
-#                        [DESCRIPTION <text>])
+#                        [DESCRIPTION <text>] [NOTIFY] [WATCHDOG <seconds>]
+#                        [HARDENED [NETWORK] [STATE] [DEVICES <device>...]])
 #
 # Installs the program of a service and the files with which its first message starts it:
 #   <bin>/<program>                                           the target
@@ -13,6 +14,48 @@
 # below the service name. With GROUP, only members of the group may send to the service; without it,
 # everybody may. Install with the prefix /usr: the system bus reads policies only there. With another
 # prefix it starts the service and refuses its name.
+#
+# NOTIFY: systemd waits until the program says that it is ready, which TCWatchdog does. WATCHDOG:
+# systemd restarts the program if it has not said within so many seconds that it lives; implies
+# NOTIFY. HARDENED takes away what a service of the bus does not need: systemd then refuses it other
+# sockets than those of this machine, writing outside of temporary files, devices, capabilities and
+# unusual system calls; see systemd.exec(5). NETWORK gives it the Internet protocols, STATE the
+# folder /var/lib/<service name>, and DEVICES these devices, for example /dev/ttyS0.
+
+# Returns the lines of the unit that HARDENED adds.
+function(_sennet_hardening service network state devices out)
+  set(families AF_UNIX)
+  if(network)
+    string(APPEND families " AF_INET AF_INET6")
+  endif()
+  set(lines
+    "NoNewPrivileges=yes" "CapabilityBoundingSet=" "AmbientCapabilities=" "ProtectSystem=strict"
+    "ProtectHome=yes" "PrivateTmp=yes" "PrivateMounts=yes" "ProtectProc=invisible"
+    "RestrictAddressFamilies=${families}" "SystemCallArchitectures=native"
+    "SystemCallFilter=@system-service" "ProtectKernelTunables=yes" "ProtectKernelModules=yes"
+    "ProtectKernelLogs=yes" "ProtectControlGroups=yes" "ProtectClock=yes" "ProtectHostname=yes"
+    "RestrictNamespaces=yes" "RestrictSUIDSGID=yes" "RestrictRealtime=yes" "LockPersonality=yes"
+    "MemoryDenyWriteExecute=yes" "RemoveIPC=yes" "UMask=0077")
+  if(devices)
+    list(APPEND lines "DevicePolicy=closed")
+    foreach(device IN LISTS devices)
+      if(NOT device MATCHES "^(/dev/|char-|block-)[^ ]+$")
+        message(FATAL_ERROR "sennet_install_service: ${device} is not a device")
+      endif()
+      list(APPEND lines "DeviceAllow=${device} rw")
+    endforeach()
+  else()
+    list(APPEND lines "PrivateDevices=yes")
+  endif()
+  if(NOT network)
+    list(APPEND lines "IPAddressDeny=any")
+  endif()
+  if(state)
+    list(APPEND lines "StateDirectory=${service}")
+  endif()
+  list(JOIN lines "\n" text)
+  set(${out} "${text}\n" PARENT_SCOPE)
+endfunction()
 
 # Returns the legal form of a service name, as the library makes it, and the bus name.
 function(_sennet_service_names name service_out bus_out)
@@ -27,7 +70,8 @@ function(_sennet_service_names name service_out bus_out)
 endfunction()
 
 function(sennet_install_service)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "" "TARGET;NAME;USER;GROUP;DESCRIPTION" "")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NOTIFY;HARDENED;NETWORK;STATE"
+    "TARGET;NAME;USER;GROUP;DESCRIPTION;WATCHDOG" "DEVICES")
   foreach(required TARGET NAME USER)
     if("${arg_${required}}" STREQUAL "")
       message(FATAL_ERROR "sennet_install_service: ${required} is missing")
@@ -41,7 +85,26 @@ function(sennet_install_service)
       message(FATAL_ERROR "sennet_install_service: ${account} is not the name of an account")
     endif()
   endforeach()
+  if((arg_NETWORK OR arg_STATE OR arg_DEVICES) AND NOT arg_HARDENED)
+    message(FATAL_ERROR "sennet_install_service: NETWORK, STATE and DEVICES open what HARDENED closes")
+  endif()
+  if(DEFINED arg_WATCHDOG AND NOT arg_WATCHDOG MATCHES "^[1-9][0-9]*$")
+    message(FATAL_ERROR "sennet_install_service: WATCHDOG takes a number of seconds")
+  endif()
   _sennet_service_names("${arg_NAME}" service bus)
+  set(unit_type dbus)
+  set(unit_lines "")
+  if(arg_NOTIFY OR arg_WATCHDOG)
+    set(unit_type notify)
+    string(APPEND unit_lines "NotifyAccess=main\n")
+  endif()
+  if(arg_WATCHDOG)
+    string(APPEND unit_lines "WatchdogSec=${arg_WATCHDOG}\n")
+  endif()
+  if(arg_HARDENED)
+    _sennet_hardening(${service} ${arg_NETWORK} ${arg_STATE} "${arg_DEVICES}" hardening)
+    string(APPEND unit_lines "${hardening}")
+  endif()
   if(NOT arg_DESCRIPTION)
     set(arg_DESCRIPTION "${service}")
   endif()
