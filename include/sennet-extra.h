@@ -5,6 +5,7 @@
 
 #include "TCCall.h"
 #include "TCCaller.h"
+#include "TCFields.h"
 #include "TCNameWatch.h"
 #include "TCOwnerSignal.h"
 #include "TCRateLimit.h"
