@@ -5,6 +5,7 @@
 
 #include "BusBody.h"
 #include "BusConnection.h"
+#include "Trace.h"
 
 namespace Velmora::Internal {
 
@@ -21,6 +22,7 @@ const char* OrEmpty(const char* text)
 Invocation::~Invocation()
 {
     if (m_Invocation != nullptr) {
+        SENNET_TRACE(answer, static_cast<const char*>(""), 1); // the error reply
         Answer(BuildErrorReply());
     }
 }

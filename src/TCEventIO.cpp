@@ -10,6 +10,7 @@
 #include "QueueRef.h"
 #include "SyncPair.h"
 #include "TCEventIOPrivate.h"
+#include "Trace.h"
 
 namespace Velmora {
 
@@ -227,8 +228,10 @@ bool TCEventIO::Private::Report(const TCEventIO& queue, PostResult result)
 
 void TCEventIO::Private::Link(TCEventIO& queue, Entries& node, bool urgent)
 {
+    [[maybe_unused]] const unsigned long id = node.front()->id;
     queue.m_EventList.splice(urgent ? queue.m_EventList.begin() : queue.m_EventList.end(), node);
     NoteSize(queue);
+    SENNET_TRACE(queue_put, queue.m_Name.c_str(), id, queue.m_EntryCount.load());
 }
 
 void TCEventIO::Private::Unlink(TCEventIO& queue, Entries::iterator entry, Entries& node)

@@ -8,6 +8,7 @@
 #include "QueueEntries.h"
 #include "SyncPair.h"
 #include "TCEventIOPrivate.h"
+#include "Trace.h"
 
 namespace Velmora {
 
@@ -208,11 +209,14 @@ gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition
     }
 
     const Private::Dispatch dispatch(self);
+    [[maybe_unused]] const unsigned long id = byPointer != nullptr ? byPointer->id : event.id;
+    SENNET_TRACE(dispatch_begin, data, self->m_Name.c_str(), id);
     if (byPointer != nullptr) {
         DispatchByPointer(byPointer, byPointer->receiver);
     } else if (event.receiver != nullptr) {
         DispatchByValue(event);
     }
+    SENNET_TRACE(dispatch_end, data, id); // the queue may be gone
     if (!dispatch.QueueIsGone()) {
         Private::PursueExit(*self);
     }

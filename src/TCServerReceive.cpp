@@ -14,6 +14,7 @@
 #include "OpenCall.h"
 #include "SendOwned.h"
 #include "TCServerPrivate.h"
+#include "Trace.h"
 
 namespace Velmora {
 
@@ -51,6 +52,7 @@ try {
         VELMORA_LOGE("cannot reply: %s", reason);
         return false;
     }
+    SENNET_TRACE(answer, serviceName.c_str(), 0);
     invocation.Answer(body.Build());
     return true;
 } catch (const std::bad_alloc&) {
@@ -235,6 +237,7 @@ void TCServer::Private::Callbacks::DeliverCall(const ServerPin& server, const ch
     Arrived arrived;
     try {
         call = OpenCall::Begin(server.Life(), invocation.Release());
+        SENNET_TRACE(call_in, server->m_ServiceName.c_str(), call->Sender().c_str(), methodName);
         arrived = ParseCall(parameters);
     } catch (const std::bad_alloc&) {
         VELMORA_LOGE("out of memory: a call is not handled");

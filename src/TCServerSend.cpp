@@ -12,6 +12,7 @@
 #include "SendGate.h"
 #include "SendOwned.h"
 #include "ServerRegistry.h"
+#include "Trace.h"
 #include "TransferDelivery.h"
 
 namespace Velmora {
@@ -73,13 +74,14 @@ public:
         : m_Server(server), m_Dest(dest), m_Message(message)
     {}
 
+    bool Send(bool sync, TCMessage* reply, int timeout) const;
+
+private:
     // Leaves the target if the answer comes later.
     bool Directly(ServerPin& target, TCMessage& reply, int timeout) const;
     // Returns false if the target has no queue, or the queue refuses the message.
     bool AsEvent(TCServer& target) const;
     bool OverBus(std::string target, bool sync, TCMessage* reply, int timeout) const;
-
-private:
     // The same text is bus name, interface name and, as a path, object of the target.
     bool CallLater(const std::string& target, const BusBody& body, bool wantsReply) const;
     bool CallNow(const std::string& target, const BusBody& body, TCMessage& reply,
@@ -120,18 +122,26 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
     }
 
     const Private::Sending sending(*this, dest, *message);
+    SENNET_TRACE(send_begin, m_ServiceName.c_str(), dest, sync);
+    const bool sent = sending.Send(sync, reply, timeout);
+    SENNET_TRACE(send_end, m_ServiceName.c_str(), dest, sync, sent);
+    return sent;
+}
+
+bool TCServer::Private::Sending::Send(bool sync, TCMessage* reply, int timeout) const
+{
     std::string name;
-    if (ServerPin target = ServerRegistry::Enter(dest, &name); target) {
+    if (ServerPin target = ServerRegistry::Enter(m_Dest, &name); target) {
         if (sync) {
-            return sending.Directly(target, *reply, timeout);
+            return Directly(target, *reply, timeout);
         }
-        if (reply == nullptr && sending.AsEvent(*target)) {
+        if (reply == nullptr && AsEvent(*target)) {
             return true;
         }
     } else {
-        name = AppendSuffix(dest);
+        name = AppendSuffix(m_Dest);
     }
-    return sending.OverBus(std::move(name), sync, reply, timeout);
+    return OverBus(std::move(name), sync, reply, timeout);
 }
 
 bool TCServer::Private::Sending::Directly(ServerPin& target, TCMessage& reply, int timeout) const

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "Trace.h"
 #include "extra/CallTable.h"
 #include "extra/OnContext.h"
 
@@ -19,6 +20,7 @@ bool PendingCall::End(CallOutcome outcome)
     if (m_Ended.exchange(true)) {
         return false;
     }
+    SENNET_TRACE(call_end, this, static_cast<int>(outcome.kind));
     CallTable::Remove(*this);
     const std::shared_ptr<CallGroup> group = std::move(m_Group);
     group->Take(m_Index, std::move(outcome));

@@ -11,6 +11,7 @@
 #include "QueueRef.h"
 #include "SendGate.h"
 #include "ServerRegistry.h"
+#include "Trace.h"
 #include "extra/CallTable.h"
 
 namespace Velmora {
@@ -170,6 +171,7 @@ void TCServer::Private::StartCall(TCServer& server, const std::shared_ptr<Pendin
         call->End({Kind::Refused, "the timeout is negative"});
         return;
     }
+    SENNET_TRACE(call_start, call.get(), server.m_ServiceName.c_str(), dest);
     const SendGate gate(server);
     if (!gate || !server.m_FlagOpen || !CallTable::MakeReady()) {
         call->End({Kind::Refused, gate ? "the server is not open" : "the server is being closed"});
