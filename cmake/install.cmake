@@ -39,6 +39,8 @@ cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
 configure_file(cmake/sennet.pc.in ${PROJECT_BINARY_DIR}/sennet.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sennet.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
+# Where Debian's Python looks with the prefix /usr; with another prefix, add it to PYTHONPATH.
+install(FILES python/sennet.py DESTINATION lib/python3/dist-packages COMPONENT python)
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc

@@ -42,6 +42,10 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_library}, libglib2.0-dev, libjsoncp
 sennet_package(doc libsennet-doc doc "the documentation and the example programs")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 
+sennet_package(python python3-sennet python "the Python module sennet")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, python3-gi, gir1.2-glib-2.0")
+
 if(TARGET sennetctl)
   sennet_package(tools sennet-tools utils "sennetctl and sennet-private-bus")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
