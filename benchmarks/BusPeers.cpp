@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
-#include "LoopThread.h"
 #include "TCServer.h"
 #include "TCTask.h"
+#include "sennet/testing.h"
 
 namespace Benchmarks {
 
@@ -139,7 +139,7 @@ GDBusConnection* Bus()
     static const GDBusInterfaceVTable table = {RawCall, nullptr, nullptr, {}};
     GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(kRawXml, nullptr);
     const ContextPtr moved(g_main_context_new());
-    const Support::LoopThread thread(moved.get());
+    const Velmora::Testing::LoopThread thread(moved.get());
     g_dbus_connection_register_object(Bus(), kRawPath, node->interfaces[0], &table, nullptr,
                                       nullptr, nullptr);
     g_dbus_connection_register_object(Bus(), kRawMovedPath, node->interfaces[0], &table,

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "LoopThread.h"
 #include "TCTask.h"
 #include "Table.h"
+#include "sennet/testing.h"
 
 namespace Benchmarks {
 
@@ -127,7 +127,7 @@ void PostPlain(benchmark::State& state, long producers)
 {
     Window window;
     const ContextPtr context(g_main_context_new());
-    const Support::LoopThread loop(context.get());
+    const Velmora::Testing::LoopThread loop(context.get());
     while (state.KeepRunningBatch(kEvents)) {
         RunBatch(producers, window, [&](long count) {
             for (long i = 0; i < count; ++i) {

@@ -4,10 +4,10 @@
 #include <optional>
 #include <string>
 
-#include "LoopThread.h"
 #include "Processors.h"
 #include "TCTask.h"
 #include "Table.h"
+#include "sennet/testing.h"
 
 namespace Benchmarks {
 
@@ -98,7 +98,7 @@ void SendPlain(benchmark::State& state, int sender, int receiver)
 {
     const Pinned pinned(sender);
     const ContextPtr context(g_main_context_new());
-    const Support::LoopThread loop(context.get());
+    const Velmora::Testing::LoopThread loop(context.get());
     loop.Run([receiver] { Pin(receiver); });
     for (auto _ : state) {
         PlainCall call;

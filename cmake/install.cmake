@@ -9,6 +9,9 @@ install(TARGETS sennet EXPORT sennetTargets
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sennet COMPONENT dev
 )
 
+# Not in the header set: it works with and without GoogleTest.
+install(FILES include/sennet/testing.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sennet COMPONENT dev)
+
 set(pc_requires "glib-2.0 >= 2.74, gio-2.0, jsoncpp")
 set(config_needs_dlog FALSE)
 if(SENNET_DLOG_FOUND)

@@ -13,9 +13,9 @@
 
 #include <malloc.h>
 
-#include "LoopThread.h"
 #include "ProcessState.h"
 #include "sennet.h"
+#include "sennet/testing.h"
 
 namespace Soak {
 
@@ -301,7 +301,7 @@ void BeRival()
 int RunLoop(const std::function<void()>& finish)
 {
     {
-        const Support::LoopThread dispatcher;
+        const Velmora::Testing::LoopThread dispatcher;
         for (std::string line; std::getline(std::cin, line);) {
             malloc_trim(0); // freed memory is not growth
             std::printf("%llu %llu %llu %ld %td %s\n",

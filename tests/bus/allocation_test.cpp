@@ -145,7 +145,7 @@ TEST(Allocation, FailedPostQueuesNothingAndHoldsNoLock)
 
 TEST(Allocation, FailedSendOfAServerSendsNothingAndIsNotCountedOn)
 {
-    const Support::LoopThread dispatcher;
+    const Velmora::Testing::LoopThread dispatcher;
     const ForeignService foreign("peer.message",
                                  "('p', uint32 1, 'type', '{\"n\":5}', [(byte 1,)])");
     Server app("app"), act("act", TCServer::SERVER_TYPE_ACTIVITY);
@@ -237,7 +237,7 @@ TEST(Allocation, WhatArrivesWithoutMemoryIsAnsweredOrDropped)
         std::atomic<bool> allSucceeded{false};
     };
     const ForeignService foreign("peer.message", "('p', uint32 1, '', '{\"text\":[1,2,3,4,5]}')");
-    const Support::LoopThread dispatcher;
+    const Velmora::Testing::LoopThread dispatcher;
     Receiver app;
     ASSERT_TRUE(app.Create("task") && app.CreateDBusServer());
     ASSERT_TRUE(app.SubscribeSignal("other", "signal", nullptr, nullptr));
@@ -308,7 +308,7 @@ TEST(Allocation, FailedCreateOrSubscriptionLeavesNothingBehind)
             return CreateDBusServer() && SubscribeSignal("app", "signal", nullptr, nullptr);
         }
     };
-    const Support::LoopThread dispatcher;
+    const Velmora::Testing::LoopThread dispatcher;
     FailEachAllocation([] { return Closing().Open(); }, [] { EXPECT_TRUE(Closing().Open()); });
     // The next create goes on where a failed one has stopped.
     Closing server;

@@ -5,8 +5,8 @@
 #include <future>
 #include <thread>
 
-#include "LoopThread.h"
 #include "TCRun.h"
+#include "sennet/testing.h"
 
 // Nothing of the queue or the loop is dispatched between the constructor and Release().
 class Held
@@ -17,7 +17,7 @@ public:
         Velmora::Run(queue, [this] { Block(); });
         m_Begun.get_future().wait();
     }
-    explicit Held(const Support::LoopThread& loop)
+    explicit Held(const Velmora::Testing::LoopThread& loop)
         : m_Caller([this, &loop] { loop.Run([this] { Block(); }); })
     {
         m_Begun.get_future().wait();

@@ -79,7 +79,7 @@ protected:
     }
 
     OwnBus bus;
-    Support::LoopThread dispatcher;
+    Velmora::Testing::LoopThread dispatcher;
     Server app{"app"}, page{"page", TCServer::SERVER_TYPE_ACTIVITY},
         proxy{"proxy", TCServer::SERVER_TYPE_PROXY};
     std::unique_ptr<TCReconnect> guard;

@@ -11,7 +11,7 @@
 
 #include "ChildProcess.h"
 #include "Harness.h"
-#include "LoopThread.h"
+#include "sennet/testing.h"
 
 constexpr char kErrorReply[] = "('', uint32 0, '', '{\"dbus_result\":\"fail\",\"errmsg\":\"error "
                                "handling\"}', [(byte 0x00,)])";
@@ -204,7 +204,7 @@ protected:
         dispatcher.Run([] {});
     } // until all that is queued now has run
 
-    Support::LoopThread dispatcher;
+    Velmora::Testing::LoopThread dispatcher;
     Server app{"app"}, proxy{"proxy", Velmora::TCServer::SERVER_TYPE_PROXY};
     const Velmora::TCMessage message = Message("x");
     Velmora::TCMessage reply;
