@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "TCLog.h"
 #include "Trace.h"
 #include "extra/CallTable.h"
 #include "extra/OnContext.h"
@@ -20,6 +21,7 @@ bool PendingCall::End(CallOutcome outcome)
     if (m_Ended.exchange(true)) {
         return false;
     }
+    VELMORA_LOGI("a call has ended: %s", outcome.text.c_str());
     SENNET_TRACE(call_end, this, static_cast<int>(outcome.kind));
     CallTable::Remove(*this);
     const std::shared_ptr<CallGroup> group = std::move(m_Group);

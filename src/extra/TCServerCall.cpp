@@ -172,6 +172,7 @@ void TCServer::Private::StartCall(TCServer& server, const std::shared_ptr<Pendin
         return;
     }
     SENNET_TRACE(call_start, call.get(), server.m_ServiceName.c_str(), dest);
+    VELMORA_LOGI("send message to %s, as a call", dest);
     const SendGate gate(server);
     if (!gate || !server.m_FlagOpen || !CallTable::MakeReady()) {
         call->End({Kind::Refused, gate ? "the server is not open" : "the server is being closed"});
