@@ -37,7 +37,9 @@ struct SENNET_API TCCallResult
     };
 
     TCCallResult() = default;
+    /// Copies the message.
     TCCallResult(const TCCallResult& other) = default;
+    /// Copies the message.
     TCCallResult& operator=(const TCCallResult& other) = default;
     TCCallResult(TCCallResult&& other) noexcept;            ///< does not copy the texts
     TCCallResult& operator=(TCCallResult&& other) noexcept; ///< does not copy the texts
@@ -143,6 +145,7 @@ public:
     /// Starts a call whose result goes to a future, which always gets one: Refused if the last call
     /// of this object has not ended. A future needs no main loop. If this object is a temporary,
     /// `get()` in the same expression; destroying it cancels the call.
+    /// @param server,dest,message as in the other Start()
     /// @param timeout milliseconds; -1 means 25 seconds
     std::future<TCCallResult> Start(TCServer& server, const char* dest, const TCMessage& message,
                                     int timeout = -1);

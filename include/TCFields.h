@@ -149,6 +149,7 @@ SENNET_API void SetJson(Json::Value json, TCMessage& message);
 /// std::optional, which is then empty, as for null. An integer must fit and have no fraction; 1.0
 /// is
 /// 1. A number for a double must be finite.
+/// @param message what a peer has sent
 /// @param reading unchanged if the message does not fit
 /// @param why receives the path of the wrong field and what is wrong, for example
 ///            "sensor.celsius: missing"; may be null
@@ -168,6 +169,7 @@ bool Read(const TCMessage& message, T& reading, std::string* why = nullptr)
 
 /// Replaces the text and the JSON of a message with a struct. A std::optional that is empty is left
 /// out, but within a vector or map it is null.
+/// @param reading what to write
 /// @param message unchanged if the struct cannot be written
 /// @param why receives the path of the wrong field and what is wrong; may be null
 /// @return false if a number is not finite, or a text is not UTF-8 or contains a NUL

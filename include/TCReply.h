@@ -48,6 +48,7 @@ public:
     /// Answers with the error reply if nothing was answered. Blocks at most 5 seconds, if it is the
     /// last answer of a closed service and the bus does not read.
     ~TCReply();
+    /// The source is empty afterwards.
     TCReply(TCReply&& other) noexcept;
     /// The answer that the target held gets the error reply.
     TCReply& operator=(TCReply&& other) noexcept;

@@ -14,7 +14,7 @@ using namespace Internal;
 
 using GroupPtr = std::shared_ptr<CallGroup>;
 
-struct TCCall::Impl
+struct __attribute__((visibility("hidden"))) TCCall::Impl
 {
     Mutex mutex;
     // The last call and, if it was started in a callback, those whose callbacks have not returned.

@@ -74,7 +74,7 @@ private:
 
 } // namespace
 
-struct TCNameWatch::Impl
+struct __attribute__((visibility("hidden"))) TCNameWatch::Impl
 {
     std::shared_ptr<Reports> reports;
     std::shared_ptr<OwnerTracker> tracker;

@@ -158,7 +158,7 @@ private:
 
 } // namespace
 
-struct TCOwnerSignal::Impl
+struct __attribute__((visibility("hidden"))) TCOwnerSignal::Impl
 {
     std::shared_ptr<Receiver> receiver;
     std::shared_ptr<Subscription> subscription;

@@ -25,7 +25,7 @@ struct Bucket
 
 } // namespace
 
-struct TCRateLimit::Impl
+struct __attribute__((visibility("hidden"))) TCRateLimit::Impl
 {
     Impl(double perSecond, unsigned int size, Per itsPer)
         : perMicrosecond(std::max(perSecond, 0.0) / G_USEC_PER_SEC), burst(std::max(size, 1U)),

@@ -51,7 +51,8 @@ std::optional<std::string> Optional(const char* text)
 } // namespace
 
 // Everything is used on the thread of the context. What is posted there holds a weak reference.
-struct TCReconnect::Impl : std::enable_shared_from_this<TCReconnect::Impl>
+struct __attribute__((visibility("hidden"))) TCReconnect::Impl
+    : std::enable_shared_from_this<TCReconnect::Impl>
 {
     const std::shared_ptr<GMainContext> context{g_main_context_ref_thread_default(),
                                                 g_main_context_unref};

@@ -167,7 +167,7 @@ GSource* StartTicks(const WatchPtr& watch)
 
 } // namespace
 
-struct TCWatchdog::Impl
+struct __attribute__((visibility("hidden"))) TCWatchdog::Impl
 {
     Impl(const std::vector<TCEventIO*>& queues, bool readyWithAll)
         : watch(std::make_shared<Watch>(queues, readyWithAll)), timer(StartTicks(watch))
