@@ -50,6 +50,7 @@ void PostToContext(GMainContext* context, std::function<void()> callable)
     posted->callable = std::move(callable);
     posted->handedOver.store(true, std::memory_order_release);
     GSource* const source = g_idle_source_new();
+    g_source_set_static_name(source, "sennet-posted");
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(source, &Posted::Run, posted.release(), &Posted::Free);
     g_source_attach(source, context);

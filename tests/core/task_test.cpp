@@ -45,7 +45,13 @@ public:
     using TCTask::m_TaskLoop;
     bool HasInsistingDestroy()
     {
-        return g_main_context_find_source_by_funcs_user_data(m_Context, &g_idle_funcs, this);
+        for (guint id = 1; id < 100; ++id) {
+            GSource* const source = g_main_context_find_source_by_id(m_Context, id);
+            if (source != nullptr && g_strcmp0(g_source_get_name(source), "sennet-posted") == 0) {
+                return true;
+            }
+        }
+        return false;
     }
     void Iterate()
     {

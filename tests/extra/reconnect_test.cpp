@@ -46,7 +46,12 @@ public:
         unlink((m_Folder + "/bus").c_str());
         m_Daemon = std::make_unique<Support::ChildProcess>(
             std::vector<const char*>{"dbus-daemon", "--nofork", "--nopidfile", m_Config.c_str()});
-        Await([this] { return access((m_Folder + "/bus").c_str(), F_OK) == 0; });
+        Await([this] { // until the daemon takes connections
+            const Internal::ConnectionPtr connection(g_dbus_connection_new_for_address_sync(
+                m_Address.c_str(), G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr, nullptr,
+                nullptr));
+            return connection != nullptr;
+        });
     }
     void Kill() { m_Daemon.reset(); }
 

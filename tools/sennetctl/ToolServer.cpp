@@ -16,8 +16,11 @@ namespace {
 
 Failure CallFailure(const std::string& service, const Velmora::TCCallResult& result)
 {
-    return result.kind == Kind::NoService ? NoService(service)
-                                          : Failure(kFailed, service + ": " + result.text);
+    if (result.kind == Kind::NoService) {
+        return NoService(service);
+    }
+    const std::string name = result.errorName.empty() ? "" : result.errorName + ": ";
+    return {kFailed, service + ": " + name + result.text};
 }
 
 } // namespace
