@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "../src/GLibPtr.h"
 #include "TCServer.h"
 #include "TCTask.h"
 #include "sennet/testing.h"

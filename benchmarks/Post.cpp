@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "../src/GLibPtr.h"
 #include "TCTask.h"
 #include "Table.h"
 #include "sennet/testing.h"

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "../src/GLibPtr.h"
 #include "Processors.h"
 #include "TCTask.h"
 #include "Table.h"

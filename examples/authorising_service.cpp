@@ -43,7 +43,8 @@ private:
 int main(int argc, char** argv)
 {
     SetAppName("authorising_service");
-    const group* const operators = argc == 2 ? getgrnam(argv[1]) : nullptr; // one thread runs yet
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread runs yet
+    const group* const operators = argc == 2 ? getgrnam(argv[1]) : nullptr;
     if (operators == nullptr) {
         std::fprintf(stderr, "usage: authorising_service GROUP\n");
         return 2;

@@ -25,11 +25,10 @@ int main()
     if (!client) {
         return 1;
     }
-    std::vector<TCCallRequest> requests(3);
-    const char* const rooms[] = {"kitchen", "bath", "attic"};
-    for (std::size_t i = 0; i < requests.size(); ++i) {
-        requests[i].dest = "example.meter";
-        requests[i].message.m_Json["room"] = rooms[i];
+    std::vector<TCCallRequest> requests;
+    for (const char* const room : {"kitchen", "bath", "attic"}) {
+        requests.push_back({"example.meter", TCMessage()});
+        requests.back().message.m_Json["room"] = room;
     }
     const unsigned long start = TCAlarm::GetTickCount();
     TCCall call;

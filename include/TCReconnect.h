@@ -29,7 +29,7 @@ namespace Velmora {
 /// with up to a quarter more at random, so that programs do not come back all at once.
 ///
 /// Nothing that was in flight is sent again: the callers of this process get their failures, and
-/// what others have sent is lost. Ask for the state anew in the second callback. A TCNameWatch or
+/// what others have sent is lost. Ask for the state again in the second callback. A TCNameWatch or
 /// TCOwnerSignal of a server ends with the loss; make it again there.
 ///
 /// Threads. Use a guard on one thread: the one that runs a main loop on the context that is

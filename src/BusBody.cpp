@@ -73,6 +73,15 @@ GVariant* BuildErrorReply()
     return g_variant_new("(suss@a*)", "", 0U, "", kErrorText, CopyBytes(&noBuffer, 1));
 }
 
+bool SaysFail(const TCMessage& reply)
+{
+    if (!reply.m_Json.isObject()) {
+        return false;
+    }
+    const Json::Value& result = reply.m_Json["dbus_result"];
+    return result.isString() && result.asString() == "fail";
+}
+
 void SetErrorReply(TCMessage& reply)
 {
     reply = TCMessage();

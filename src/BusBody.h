@@ -49,7 +49,11 @@ private:
 // Throws nothing, because it is also used when memory has run out. Returns a floating reference.
 GVariant* BuildErrorReply();
 
-// The same for a caller in this process.
+// Whether a reply reports a failure. One that is not an object, or whose value is not a string,
+// does not.
+bool SaysFail(const TCMessage& reply);
+
+// The error reply for a caller in this process.
 void SetErrorReply(TCMessage& reply);
 
 // The fields of a body that has arrived. The pointers are into the body, and null where it does not

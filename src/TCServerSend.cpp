@@ -26,16 +26,6 @@ const char* MethodFor(const BusBody& body)
     return body.HasBuffer() ? kSendMessageWithBuffer : kSendMessage;
 }
 
-// A reply that is not an object, or whose value is not a string, does not report a failure.
-bool SaysFail(const TCMessage& reply)
-{
-    if (!reply.m_Json.isObject()) {
-        return false;
-    }
-    const Json::Value& result = reply.m_Json["dbus_result"];
-    return result.isString() && result.asString() == "fail";
-}
-
 // The event may be of a client's making. Returns "", which is no server's name, if the value is not
 // a string.
 std::string NameIn(const Json::Value& names, const char* key)

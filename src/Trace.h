@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Static probes for tracers such as bpftrace and perf, where sys/sdt.h was found; docs/tracing.md
 // lists them. A probe is one instruction that does nothing until a tracer replaces it. Its
-// arguments are evaluated always: give it what is at hand.
+// arguments are evaluated always: pass only what costs nothing.
 #pragma once
 
 #ifdef SENNET_USDT

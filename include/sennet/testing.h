@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <map>
@@ -130,8 +128,7 @@ public:
 private:
     [[noreturn]] static void Fail(const char* reason)
     {
-        std::fprintf(stderr, "cannot start a private bus (package dbus-daemon): %s\n", reason);
-        std::exit(EXIT_FAILURE);
+        g_error("cannot start a private bus (package dbus-daemon): %s", reason);
     }
     // Returns the option that names the file.
     static std::string WriteConfig()
@@ -153,7 +150,7 @@ private:
         if (g_file_set_contents(name, config, -1, &error) == 0) {
             Fail(error->message);
         }
-        const std::string option = std::string("--config-file=") + name;
+        std::string option = std::string("--config-file=") + name;
         g_free(name);
         return option;
     }
@@ -254,8 +251,7 @@ private:
     static void Require(bool done, const GError* error)
     {
         if (!done) {
-            std::fprintf(stderr, "cannot make a stub service: %s\n", error->message);
-            std::exit(EXIT_FAILURE);
+            g_error("cannot make a stub service: %s", error->message);
         }
     }
 

@@ -147,6 +147,18 @@ std::string AwaitOwn(const ServerLife& life, GDBusConnection* connection, Owner&
     }
 }
 
+gboolean WarnNow(void* handle)
+{
+    const ServerLife& life = BusHandle::LifeOf(handle);
+    if (const ServerPin pin(life); pin && !ServerLives::IsNamed(life)) {
+        VELMORA_LOGW("the bus has not granted the name %s: %s",
+                     TCServer::Private::BusName(*pin).c_str(),
+                     ServerLives::IsNameLost(life) ? "refused, or taken by another program"
+                                                   : "no answer yet");
+    }
+    return G_SOURCE_REMOVE;
+}
+
 } // namespace
 
 bool AwaitName(TCServer& server, int milliseconds, std::string* why)
@@ -185,20 +197,10 @@ void Internal::WarnIfUnnamed(TCServer& server)
     if (TCServer::Private::IsProxy(server)) {
         return;
     }
-    const auto warn = [](void* handle) -> gboolean {
-        const ServerLife& life = BusHandle::LifeOf(handle);
-        if (const ServerPin pin(life); pin && !ServerLives::IsNamed(life)) {
-            VELMORA_LOGW("the bus has not granted the name %s: %s",
-                         TCServer::Private::BusName(*pin).c_str(),
-                         ServerLives::IsNameLost(life) ? "refused, or taken by another program"
-                                                       : "no answer yet");
-        }
-        return G_SOURCE_REMOVE;
-    };
     const ContextPtr context(g_main_context_ref_thread_default());
     GSource* const source = g_timeout_source_new(kWarnAfter);
     g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
-    g_source_set_callback(source, warn, new BusHandle(ServerLives::Of(&server)), &FreeHandle);
+    g_source_set_callback(source, &WarnNow, new BusHandle(ServerLives::Of(&server)), &FreeHandle);
     g_source_attach(source, context.get());
     g_source_unref(source);
 }

@@ -66,13 +66,6 @@ Kind KindOf(const CallOutcome& outcome, const std::string& error)
     return Kind::Other;
 }
 
-bool SaysFail(const TCMessage& reply)
-{
-    const Json::Value* const result =
-        reply.m_Json.isObject() ? reply.m_Json.find("dbus_result", "dbus_result" + 11) : nullptr;
-    return result != nullptr && result->isString() && result->asString() == "fail";
-}
-
 void NoteReply(TCCallResult& result)
 {
     result.kind = Kind::Replied;

@@ -49,7 +49,7 @@ struct KnownCallers
         }
         auto* const made = new KnownCallers; // the connection's
         g_object_set_data_full(object, key, made,
-                               [](void* callers) { delete static_cast<KnownCallers*>(callers); });
+                               [](void* data) { delete static_cast<KnownCallers*>(data); });
         return *made;
     }
 };

@@ -125,7 +125,7 @@ TEST_F(CallTest, ManyAtOnceShareOneTimeLimit)
     const auto check = [](const std::vector<TCCallResult>& results) {
         ASSERT_EQ(results.size(), 4U);
         const Kind kinds[] = {Kind::Replied, Kind::NoAnswer, Kind::NoService, Kind::Replied};
-        for (int i = 0; i < 4; ++i) {
+        for (std::size_t i = 0; i < 4; ++i) {
             EXPECT_EQ(results[i].kind, kinds[i]) << Said(results[i]);
         }
     };
@@ -337,14 +337,14 @@ TEST_F(CallTest, ThousandCallsEndOnceEach)
     ASSERT_TRUE(local.CreateDBusServer());
     AwaitName("good");
     AwaitName("mute");
-    constexpr int count = 1000;
-    constexpr int dropped = 5; // one of so many is destroyed early
+    constexpr std::size_t count = 1000;
+    constexpr std::size_t dropped = 5; // one of so many is destroyed early
     std::mt19937 random(7);
     std::vector<std::unique_ptr<TCCall>> calls(count);
     std::vector<std::atomic<int>> ended(count);
     const char* const names[] = {"good", "local", "mute", "dying", "nobody"};
     std::unique_ptr<ForeignService> dying;
-    for (int i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         if (i % 100 == 0) {
             dying = std::make_unique<ForeignService>("dying.message", "die");
         }
@@ -362,7 +362,7 @@ TEST_F(CallTest, ThousandCallsEndOnceEach)
             calls[i] = std::make_unique<TCCall>();
         }
     }
-    for (int i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         if (i % dropped != 0) {
             Await([&] { return ended[i] > 0; });
         }
@@ -370,7 +370,7 @@ TEST_F(CallTest, ThousandCallsEndOnceEach)
     calls.clear();
     RunAndWait(&*task, [] {});
     AwaitDispatch();
-    for (int i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         EXPECT_LE(ended[i], 1) << i;
     }
 }

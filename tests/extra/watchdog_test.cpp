@@ -110,6 +110,7 @@ TEST_F(WatchdogTest, ServiceIsReadyWhenItsNameIsGranted)
             holder.Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName",
             g_variant_new("(su)", "app.message", 0U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
             nullptr);
+        ASSERT_NE(owned, nullptr);
         ASSERT_TRUE(app.CreateDBusServer());
         const TCWatchdog watchdog(app), unopened(proxy), closed(doomed);
         EXPECT_FALSE(AwaitName(app, 20000));
@@ -119,6 +120,7 @@ TEST_F(WatchdogTest, ServiceIsReadyWhenItsNameIsGranted)
             holder.Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReleaseName",
             g_variant_new("(s)", "app.message"), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
             nullptr);
+        EXPECT_NE(released, nullptr);
         manager.AwaitOthers("READY=1;READY=1;");
     }
     manager.AwaitOthers("READY=1;READY=1;STOPPING=1;STOPPING=1;STOPPING=1;");

@@ -42,11 +42,11 @@ ToolServer::~ToolServer()
 
 TCMessage ToolServer::Call(const std::string& service, const TCMessage& message, int timeout)
 {
-    Velmora::TCCallResult result =
+    const Velmora::TCCallResult result =
         Velmora::TCCall().Start(*this, service.c_str(), message, timeout).get();
     switch (result.kind) {
     case Kind::Replied:
-        return std::move(result.reply);
+        return result.reply;
     case Kind::Failed:
         throw Failure(kFailed, service + ": the answer reports a failure: " +
                                    PrintableName(CompactJson(result.reply.m_Json)));
