@@ -5,6 +5,9 @@
 #pragma once
 
 #ifdef SENNET_USDT
+#ifdef __clang__ // what sys/sdt.h makes of a probe is GNU C
+#pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"
+#endif
 #define SDT_USE_VARIADIC
 #include <sys/sdt.h>
 // The probe `name` of the provider sennet, with 1 to 12 arguments: integers and pointers.
