@@ -84,6 +84,7 @@ private:
     bool Unsigned(const Json::Value& json, std::uint64_t max, std::uint64_t& read);
     bool Double(const Json::Value& json, double max, double& read);
     void String(const Json::Value& json, std::string& field);
+    bool Key(const std::string& key);
     bool Object(const Json::Value& json);
     bool Array(const Json::Value& json);
 
@@ -118,6 +119,7 @@ private:
     void AddToPath(const std::string& step);
     Json::Value Double(double field);
     Json::Value String(const std::string& field);
+    bool Key(const std::string& key);
 
     template <typename T>
     Json::Value One(const std::vector<T>& field);
@@ -146,9 +148,9 @@ SENNET_API void SetJson(Json::Value json, TCMessage& message);
 /// Reads the JSON of a message into a struct. Throws nothing, whatever a peer has sent.
 ///
 /// Keys that the struct does not have are ignored. A missing key is an error, except for a
-/// std::optional, which is then empty, as for null. An integer must fit and have no fraction; 1.0
-/// is
-/// 1. A number for a double must be finite.
+/// std::optional, which is then empty, as for null. An integer must fit and have no fraction: 1.0
+/// counts as 1. A number for a double must be finite. A text or the key of a map must be UTF-8
+/// without a NUL; the escapes of JSON can express others.
 /// @param message what a peer has sent
 /// @param reading unchanged if the message does not fit
 /// @param why receives the path of the wrong field and what is wrong, for example
@@ -256,7 +258,7 @@ void FieldReader::One(const Json::Value& json, std::map<std::string, T>& field)
     if (!Object(json)) {
         return;
     }
-    for (auto member = json.begin(); member != json.end(); ++member) {
+    for (auto member = json.begin(); member != json.end() && Key(member.name()); ++member) {
         T element{};
         Value(*member, element);
         if (Failed()) {
@@ -353,7 +355,9 @@ Json::Value FieldWriter::One(const std::map<std::string, T>& field)
 {
     Json::Value object(Json::objectValue);
     for (const auto& [key, element] : field) {
-        String(key);
+        if (!Key(key)) {
+            break;
+        }
         object[key] = Value(element);
         if (Failed()) {
             AddToPath("." + key);

@@ -10,6 +10,14 @@ namespace Velmora {
 
 namespace {
 
+constexpr char kNoText[] = "not UTF-8, or with a NUL";
+constexpr char kNoKey[] = "has a key that is not UTF-8, or with a NUL";
+
+bool IsText(const std::string& text)
+{
+    return g_utf8_validate_len(text.data(), text.size(), nullptr) != 0;
+}
+
 std::string Join(const std::string& path, const std::string& problem)
 {
     if (path.empty()) {
@@ -85,11 +93,21 @@ bool FieldReader::Double(const Json::Value& json, double max, double& read)
 
 void FieldReader::String(const Json::Value& json, std::string& field)
 {
-    if (json.isString()) {
-        field = json.asString();
-    } else {
+    if (!json.isString()) {
         Fail("not a string");
+    } else if (std::string text = json.asString(); !IsText(text)) {
+        Fail(kNoText);
+    } else {
+        field = std::move(text);
     }
+}
+
+bool FieldReader::Key(const std::string& key)
+{
+    if (!IsText(key)) {
+        Fail(kNoKey);
+    }
+    return !Failed();
 }
 
 bool FieldReader::Object(const Json::Value& json)
@@ -129,11 +147,19 @@ Json::Value FieldWriter::Double(double field)
 
 Json::Value FieldWriter::String(const std::string& field)
 {
-    if (g_utf8_validate_len(field.data(), field.size(), nullptr) == 0) {
-        Fail("not UTF-8, or with a NUL");
+    if (!IsText(field)) {
+        Fail(kNoText);
         return {};
     }
     return field;
+}
+
+bool FieldWriter::Key(const std::string& key)
+{
+    if (!IsText(key)) {
+        Fail(kNoKey);
+    }
+    return !Failed();
 }
 
 bool TellWhy(const std::string& reason, std::string* why)

@@ -124,6 +124,9 @@ TEST(FieldsTest, ReadTellsWhatDoesNotFit)
         {"[1,2]", "[1,[]]", "histogram.a[1]: not an integer"},
         {"{\"a\":[1,2]}", "[]", "histogram: not a JSON object"},
         {"null]", "\"\"]", "gaps[1]: not an integer"},
+        {"\"y\"", R"("\udc00")", "tags[1]: not UTF-8, or with a NUL"},
+        {"\"p\"", R"("p\u0000")", "sensor.parts[0].name: not UTF-8, or with a NUL"},
+        {"{\"a\":", R"({"\udc00":)", "histogram: has a key that is not UTF-8, or with a NUL"},
     };
     for (const auto& c : cases) {
         Reading reading;
@@ -157,6 +160,8 @@ TEST(FieldsTest, WriteRefusesWhatJsonCannotSay)
              r.sensor = Sensor{std::string("a\0b", 3), 0, {}};
          },
          "sensor.name: not UTF-8, or with a NUL"},
+        {[](Reading& r) { r.histogram["\xff"]; },
+         "histogram: has a key that is not UTF-8, or with a NUL"},
     };
     for (const auto& [spoil, expected] : cases) {
         Reading reading;
