@@ -46,8 +46,8 @@ public:
     ///              context of the caller. A queue that does not take a report gets the newest
     ///              state with the next one.
     TCNameWatch(TCServer& server, const char* name, Callback callback, TCEventIO* queue = nullptr);
-    /// When this has returned, the callback does not run. Waits for a callback that runs on another
-    /// thread, but not inside that callback.
+    /// When this has returned, the callback does not run and was destroyed. Waits for a callback
+    /// that runs on another thread, but not inside that callback.
     ~TCNameWatch();
     TCNameWatch(const TCNameWatch&) = delete;
     TCNameWatch& operator=(const TCNameWatch&) = delete;

@@ -35,12 +35,11 @@ public:
     /// @param signal the signal's name, a D-Bus member name
     /// @param callback must not be empty
     /// @param queue the callback runs on its thread; it may end earlier, and what it does not take
-    /// is
-    ///              lost. Null: the thread-default context of the caller.
+    ///              is lost. Null: the thread-default context of the caller.
     TCOwnerSignal(TCServer& server, const char* from, const char* signal, Callback callback,
                   TCEventIO* queue = nullptr);
-    /// Unsubscribes. When this has returned, the callback does not run. Waits for a callback that
-    /// runs on another thread, but not inside that callback.
+    /// Unsubscribes. When this has returned, the callback does not run and was destroyed. Waits for
+    /// a callback that runs on another thread, but not inside that callback.
     ~TCOwnerSignal();
     TCOwnerSignal(const TCOwnerSignal&) = delete;
     TCOwnerSignal& operator=(const TCOwnerSignal&) = delete;

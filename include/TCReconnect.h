@@ -63,8 +63,7 @@ public:
 
     /// Subscribes a guarded server and keeps the subscription over losses.
     /// @return what TCServer::SubscribeSignal() returns; false, with an error line, if the server
-    /// was
-    ///         not added. After false nothing is kept.
+    ///         was not added. After false nothing is kept.
     bool Subscribe(TCServer& server, const char* from, const char* signal,
                    TCSignalCallback callback, void* userData);
 

@@ -79,9 +79,12 @@ public:
     OwnedContext(const OwnedContext&) = delete;
     OwnedContext& operator=(const OwnedContext&) = delete;
 
+    // Until nothing is ready, or it is time for the next look.
     void Iterate() const
     {
-        while (m_Context && g_main_context_iteration(m_Context.get(), FALSE) != 0) {
+        const auto end = Clock::now() + kLook;
+        while (m_Context && Clock::now() < end &&
+               g_main_context_iteration(m_Context.get(), FALSE) != 0) {
         }
     }
 

@@ -24,22 +24,32 @@ struct BusUse::State
     std::shared_ptr<LossWatch> loss SENNET_THREAD_SAFETY(guarded_by(mutex));
     Function onEnd SENNET_THREAD_SAFETY(guarded_by(mutex));
 
-    SharedConnection Connection()
+    // Posts under the lock: nothing may be posted behind the end.
+    void Post(Function function)
     {
         const Lock lock(mutex);
-        return connection;
+        if (connection != nullptr) {
+            LibraryThread::Run(
+                [with = connection, function = std::move(function)] { function(with.get()); });
+        }
     }
 
-    // Returns what was to be called at the end, with its argument; empty if it has ended before.
-    std::pair<Function, SharedConnection> End()
+    void End(bool tell)
     {
-        std::shared_ptr<LossWatch> unwatched; // released after the lock
+        std::shared_ptr<LossWatch> unwatched; // these are released after the lock
+        SharedConnection released;
+        Function dropped;
         const Lock lock(mutex);
         unwatched = std::move(loss);
         if (unwatched != nullptr) {
             unwatched->Forget(this);
         }
-        return {std::exchange(onEnd, nullptr), std::exchange(connection, nullptr)};
+        released = std::exchange(connection, nullptr);
+        dropped = std::exchange(onEnd, nullptr);
+        if (tell && dropped) {
+            LibraryThread::Run(
+                [with = released, function = std::move(dropped)] { function(with.get()); });
+        }
     }
 };
 
@@ -75,13 +85,6 @@ void Forget(const StatePtr& state)
     all.count = all.ofServer.size();
 }
 
-void EndAndTell(const StatePtr& state)
-{
-    if (const auto [onEnd, connection] = state->End(); onEnd) {
-        LibraryThread::Run([call = onEnd, with = connection] { call(with.get()); });
-    }
-}
-
 } // namespace
 
 std::unique_ptr<BusUse> BusUse::Begin(TCServer& server, Function onEnd)
@@ -109,7 +112,7 @@ std::unique_ptr<BusUse> BusUse::Begin(TCServer& server, Function onEnd)
     }
     loss->OnLost(state.get(), [weak = std::weak_ptr<State>(state)] {
         if (const StatePtr lost = weak.lock()) {
-            EndAndTell(lost);
+            lost->End(true);
         }
     });
     return std::unique_ptr<BusUse>(new BusUse(state));
@@ -118,15 +121,12 @@ std::unique_ptr<BusUse> BusUse::Begin(TCServer& server, Function onEnd)
 BusUse::~BusUse()
 {
     Forget(m_State);
-    m_State->End();
+    m_State->End(false);
 }
 
 void BusUse::Run(Function function) const
 {
-    if (const SharedConnection connection = m_State->Connection(); connection != nullptr) {
-        LibraryThread::Run(
-            [connection, function = std::move(function)] { function(connection.get()); });
-    }
+    m_State->Post(std::move(function));
 }
 
 void BusUse::EndAllOf(const ServerLife& server)
@@ -144,7 +144,7 @@ void BusUse::EndAllOf(const ServerLife& server)
         }
     }
     for (const StatePtr& state : ended) {
-        EndAndTell(state);
+        state->End(true);
     }
 }
 

@@ -2,7 +2,10 @@
 // Lets a client's callback run until the object that was given it is destroyed.
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include "Locks.h"
 
@@ -56,6 +59,36 @@ private:
     std::thread::id m_Runner SENNET_THREAD_SAFETY(guarded_by(m_Mutex)); // if m_Depth is not 0
     unsigned int m_Depth SENNET_THREAD_SAFETY(guarded_by(m_Mutex)) = 0;
     bool m_Closed SENNET_THREAD_SAFETY(guarded_by(m_Mutex)) = false;
+};
+
+// A client's callback behind a gate.
+template <typename... Arguments>
+class GatedCallback
+{
+public:
+    explicit GatedCallback(std::function<void(Arguments...)> callback)
+        : m_Callback(std::make_shared<const std::function<void(Arguments...)>>(std::move(callback)))
+    {}
+
+    void Run(Arguments... arguments)
+    {
+        m_Gate.Run([&] {
+            const auto callback = m_Callback; // it may close the gate
+            (*callback)(arguments...);
+        });
+    }
+
+    // Called once. Also destroys the callback; if it runs on this thread, when it has returned.
+    void Close()
+    {
+        m_Gate.Close();
+        m_Callback.reset();
+    }
+
+private:
+    CallbackGate m_Gate;
+    // Used inside the gate, and after it is closed.
+    std::shared_ptr<const std::function<void(Arguments...)>> m_Callback;
 };
 
 } // namespace Velmora::Internal

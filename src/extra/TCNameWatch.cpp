@@ -22,8 +22,8 @@ namespace {
 class Reports : public std::enable_shared_from_this<Reports>
 {
 public:
-    Reports(Delivery where, TCNameWatch::Callback callback)
-        : m_Where(std::move(where)), m_Callback(std::move(callback))
+    Reports(Delivery where, TCNameWatch::Callback itsCallback)
+        : callback(std::move(itsCallback)), m_Where(std::move(where))
     {}
 
     // On the library's thread.
@@ -45,7 +45,7 @@ public:
         m_Where.Post([ticket] { ticket->Deliver(); });
     }
 
-    void Close() { m_Gate.Close(); }
+    GatedCallback<const TCNameChange&> callback;
 
 private:
     void Deliver()
@@ -60,12 +60,10 @@ private:
             change = {m_Reported.value_or(""), m_Owner};
             m_Reported = m_Owner;
         }
-        m_Gate.Run([&] { m_Callback(change); });
+        callback.Run(change);
     }
 
     const Delivery m_Where;
-    const TCNameWatch::Callback m_Callback;
-    CallbackGate m_Gate;
     Mutex m_Mutex;
     std::string m_Owner SENNET_THREAD_SAFETY(guarded_by(m_Mutex));
     std::optional<std::string> m_Reported SENNET_THREAD_SAFETY(guarded_by(m_Mutex));
@@ -112,7 +110,7 @@ TCNameWatch::TCNameWatch(TCServer& server, const char* name, Callback callback, 
 TCNameWatch::~TCNameWatch()
 {
     if (m_Impl->reports != nullptr) {
-        m_Impl->reports->Close();
+        m_Impl->reports->callback.Close();
     }
     if (m_Impl->use != nullptr) {
         m_Impl->use->Run([tracker = m_Impl->tracker](GDBusConnection* connection) {

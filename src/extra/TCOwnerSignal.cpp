@@ -35,9 +35,8 @@ struct Receiver
     {}
 
     const std::string signal;
-    const TCOwnerSignal::Callback callback;
+    GatedCallback<const char*, const char*, const TCMessage&> callback;
     const Delivery where;
-    CallbackGate gate;
 
     void Deliver(GDBusConnection* connection, const std::string& sender, GVariant* parameters)
     {
@@ -50,10 +49,8 @@ struct Receiver
             VELMORA_LOGE("out of memory: a signal is dropped");
             return;
         }
-        gate.Run([&] {
-            const InboundCall call(connection, sender, false);
-            callback(body.from, signal.c_str(), message);
-        });
+        const InboundCall call(connection, sender, false);
+        callback.Run(body.from, signal.c_str(), message);
     }
 };
 
@@ -197,7 +194,7 @@ TCOwnerSignal::TCOwnerSignal(TCServer& server, const char* from, const char* sig
 TCOwnerSignal::~TCOwnerSignal()
 {
     if (m_Impl != nullptr) {
-        m_Impl->receiver->gate.Close();
+        m_Impl->receiver->callback.Close();
         m_Impl->use->Run([subscription = m_Impl->subscription](GDBusConnection* connection) {
             subscription->Stop(connection);
         });

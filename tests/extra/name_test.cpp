@@ -122,9 +122,10 @@ TEST_F(NameTest, WatchWaitsForItsCallbackAndMayEndInsideIt)
     TCScope<TCTask> task("task");
     std::promise<void> begun, go;
     std::atomic<bool> returned{false};
+    const auto captured = std::make_shared<int>();
     auto watch = std::make_unique<TCNameWatch>(
         proxy, "peer",
-        [&](const TCNameChange&) {
+        [&, captured](const TCNameChange&) {
             begun.set_value();
             go.get_future().wait();
             returned = true;
@@ -134,6 +135,7 @@ TEST_F(NameTest, WatchWaitsForItsCallbackAndMayEndInsideIt)
     std::thread release([&] { go.set_value(); });
     watch.reset();
     EXPECT_TRUE(returned);
+    EXPECT_EQ(captured.use_count(), 1);
     release.join();
     std::promise<void> ended;
     std::atomic<bool> made{false};
@@ -169,6 +171,12 @@ TEST_F(NameTest, AwaitNameTellsWhatBecameOfTheRequest)
     // On the thread of the context, which nobody else runs.
     const Internal::ContextPtr context(g_main_context_new());
     g_main_context_push_thread_default(context.get());
+    GSource* const busy = g_idle_source_new(); // always ready
+    g_source_set_callback(
+        busy, [](void*) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    g_source_set_priority(busy, G_PRIORITY_DEFAULT);
+    g_source_attach(busy, context.get());
+    g_source_unref(busy);
     Server here("here", TCServer::SERVER_TYPE_ACTIVITY);
     ASSERT_TRUE(here.CreateDBusServer());
     EXPECT_TRUE(AwaitName(here, 20000)) << why;
