@@ -6,7 +6,6 @@
 
 #include "MainLoop.h"
 #include "sennet-extra.h"
-#include "sennet.h"
 
 using namespace Velmora;
 

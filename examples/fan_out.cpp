@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "sennet-extra.h"
-#include "sennet.h"
 
 using namespace Velmora;
 

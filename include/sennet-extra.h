@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 /// @file
-/// What libsennet offers beyond sennet.h. A program that does not use it pays nothing for it.
+/// sennet.h, and what libsennet offers beyond it. A program that does not use it pays nothing for
+/// it.
 #pragma once
 
 #include "TCCall.h"
@@ -12,3 +13,4 @@
 #include "TCReconnect.h"
 #include "TCReply.h"
 #include "TCWatchdog.h"
+#include "sennet.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "sennet-extra.h"
-#include "sennet.h"
 #include "sennet/testing.h"
 
 using namespace Velmora;
