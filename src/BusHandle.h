@@ -2,32 +2,49 @@
 // What GDBus holds of a server: one life of it, never its address, which another server may get.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "BusFilter.h"
+#include "Crossing.h"
 #include "GLibPtr.h"
 #include "ServerLife.h"
 
 namespace Velmora::Internal {
 
-// The user data of a callback.
+// The user data of a callback. Make() is the way to make one.
 struct BusHandle
 {
+    template <typename Handle, typename... Arguments>
+    static std::unique_ptr<BusHandle> Make(Arguments&&... arguments)
+    {
+        auto handle = std::make_unique<Handle>(std::forward<Arguments>(arguments)...);
+        handle->crossing.Leave();
+        return handle;
+    }
+
     explicit BusHandle(ServerLife itsLife) : life(std::move(itsLife)) {}
     virtual ~BusHandle() = default;
     BusHandle(const BusHandle&) = delete;
     BusHandle& operator=(const BusHandle&) = delete;
 
-    static const ServerLife& LifeOf(void* handle) { return static_cast<BusHandle*>(handle)->life; }
+    static const ServerLife& LifeOf(void* data)
+    {
+        const auto* const handle = static_cast<BusHandle*>(data);
+        handle->crossing.Arrive();
+        return handle->life;
+    }
 
     const ServerLife life;
+    Crossing crossing;
 };
 
 // GDBus calls it where the callbacks run, when none of them uses the handle any more.
-inline void FreeHandle(void* handle)
+inline void FreeHandle(void* data)
 {
-    delete static_cast<BusHandle*>(handle);
+    const std::unique_ptr<BusHandle> handle(static_cast<BusHandle*>(data));
+    handle->crossing.Arrive();
 }
 
 struct SubscriptionHandle : BusHandle
@@ -62,8 +79,10 @@ struct NameHandle : BusHandle
     {
         // The source must not hold its own context, so that an abandoned context is freed, and the
         // source with it.
-        const ContextPtr context =
-            std::move(static_cast<NameHandle*>(static_cast<BusHandle*>(data))->m_Context);
+        auto* const handle = static_cast<NameHandle*>(static_cast<BusHandle*>(data));
+        handle->crossing.Arrive();
+        const ContextPtr context = std::move(handle->m_Context);
+        handle->crossing.Leave();
         GSource* const source = g_idle_source_new();
         g_source_set_priority(source, G_PRIORITY_DEFAULT);
         g_source_set_callback(

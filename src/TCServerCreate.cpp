@@ -108,15 +108,15 @@ void TCServer::Private::Opening::OwnName()
 {
     constexpr auto flags = static_cast<GBusNameOwnerFlags>(
         G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
-    BusHandle* const handle = new NameHandle(m_Life); // NameHandle::Free frees it
+    auto handle = BusHandle::Make<NameHandle>(m_Life); // NameHandle::Free frees it
     m_Server.m_OwnerId = g_bus_own_name_on_connection(
         m_Connection, m_Server.m_DBusName.c_str(), flags, &Callbacks::m_OnNameAcquired,
-        &Callbacks::m_OnNameLost, handle, &NameHandle::Free);
+        &Callbacks::m_OnNameLost, handle.release(), &NameHandle::Free);
 }
 
 void TCServer::Private::Opening::ExportObject()
 {
-    HandOver(std::unique_ptr<BusHandle>(new ObjectHandle(m_Life, m_Server.m_ObjectPath)),
+    HandOver(BusHandle::Make<ObjectHandle>(m_Life, m_Server.m_ObjectPath),
              [this](BusHandle* handle) { // FreeHandle frees it
                  m_Server.m_RegistrationId = g_dbus_connection_register_object(
                      m_Connection, m_Server.m_ObjectPath.c_str(),

@@ -8,6 +8,7 @@
 #include "BusBody.h"
 #include "BusInterface.h"
 #include "BusNames.h"
+#include "Crossing.h"
 #include "DirectCall.h"
 #include "SendGate.h"
 #include "SendOwned.h"
@@ -41,11 +42,15 @@ std::string NameIn(const Json::Value& names, const char* key)
 class TCServer::Private::PendingReply
 {
 public:
-    explicit PendingReply(TCServer& server) : m_Server(&server), m_Life(ServerLives::Of(&server)) {}
+    explicit PendingReply(TCServer& server) : m_Server(&server), m_Life(ServerLives::Of(&server))
+    {
+        m_Crossing.Leave();
+    }
 
     static void Deliver(GObject* source, GAsyncResult* result, void* data)
     {
         const std::unique_ptr<PendingReply> pending(static_cast<PendingReply*>(data));
+        pending->m_Crossing.Arrive();
         if (const ServerPin alive(pending->m_Life); alive) {
             m_PendingCallNotify(source, result, pending->m_Server);
         }
@@ -54,6 +59,7 @@ public:
 private:
     TCServer* const m_Server;
     const ServerLife m_Life;
+    Crossing m_Crossing;
 };
 
 // One message on its way, by one of the routes. The server's gate is open meanwhile.

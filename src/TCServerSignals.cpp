@@ -111,11 +111,11 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signal,
     }
     VELMORA_LOGI("Begin subscribe signal");
     if ((from == nullptr || IsInterfaceName(interface)) && IsMemberName(signal)) {
-        BusHandle* const handle = new SubscriptionHandle(ServerLives::Of(this), interface, signal);
+        auto handle = BusHandle::Make<SubscriptionHandle>(ServerLives::Of(this), interface, signal);
         id = g_dbus_connection_signal_subscribe(
             m_Connection, nullptr, from != nullptr ? interface.c_str() : nullptr, signal, nullptr,
-            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Private::Callbacks::m_DSignalHandler, handle,
-            &FreeHandle);
+            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Private::Callbacks::m_DSignalHandler,
+            handle.release(), &FreeHandle);
     }
     if (id == 0) {
         VELMORA_LOGE("fail to subscribe signal");

@@ -44,7 +44,8 @@ void TCServer::Private::Callbacks::NoteName(const ServerPin& server)
     };
     const ContextPtr context(g_main_context_ref_thread_default());
     GSource* const source = g_timeout_source_new(kRetryAfter);
-    g_source_set_callback(source, retry, new BusHandle(server.Life()), &FreeHandle);
+    g_source_set_callback(source, retry, BusHandle::Make<BusHandle>(server.Life()).release(),
+                          &FreeHandle);
     g_source_attach(source, context.get());
     g_source_unref(source);
 }

@@ -203,7 +203,9 @@ void Internal::WarnIfUnnamed(TCServer& server)
     const ContextPtr context(g_main_context_ref_thread_default());
     GSource* const source = g_timeout_source_new(kWarnAfter);
     g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
-    g_source_set_callback(source, &WarnNow, new BusHandle(ServerLives::Of(&server)), &FreeHandle);
+    g_source_set_callback(source, &WarnNow,
+                          BusHandle::Make<BusHandle>(ServerLives::Of(&server)).release(),
+                          &FreeHandle);
     g_source_attach(source, context.get());
     g_source_unref(source);
 }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "extra/OnContext.h"
 
-#include <atomic>
 #include <memory>
 #include <utility>
 
+#include "Crossing.h"
 #include "GLibPtr.h"
 #include "Locks.h"
 #include "TCLog.h"
@@ -16,21 +16,19 @@ namespace {
 struct Posted
 {
     std::function<void()> callable;
-    // ThreadSanitizer does not see the locks of GLib, by which the callable gets to its thread.
-    std::atomic<bool> handedOver{false};
+    Crossing crossing;
 
     static gboolean Run(void* data)
     {
         auto* const posted = static_cast<Posted*>(data);
-        if (posted->handedOver.load(std::memory_order_acquire)) {
-            posted->callable();
-        }
+        posted->crossing.Arrive();
+        posted->callable();
         return G_SOURCE_REMOVE;
     }
     static void Free(void* data)
     {
         const std::unique_ptr<Posted> posted(static_cast<Posted*>(data));
-        static_cast<void>(posted->handedOver.load(std::memory_order_acquire));
+        posted->crossing.Arrive();
     }
 };
 
@@ -48,7 +46,7 @@ void PostToContext(GMainContext* context, std::function<void()> callable)
 {
     auto posted = std::make_unique<Posted>();
     posted->callable = std::move(callable);
-    posted->handedOver.store(true, std::memory_order_release);
+    posted->crossing.Leave();
     GSource* const source = g_idle_source_new();
     g_source_set_static_name(source, "sennet-posted");
     g_source_set_priority(source, G_PRIORITY_DEFAULT);

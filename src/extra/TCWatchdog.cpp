@@ -5,6 +5,7 @@
 #include <atomic>
 #include <utility>
 
+#include "Crossing.h"
 #include "GLibPtr.h"
 #include "QueueRef.h"
 #include "TCLog.h"
@@ -142,9 +143,17 @@ private:
 
 using WatchPtr = std::shared_ptr<Watch>;
 
+struct Ticks
+{
+    WatchPtr watch;
+    Crossing crossing;
+};
+
 gboolean OnTick(void* data)
 {
-    const WatchPtr watch = *static_cast<WatchPtr*>(data);
+    auto* const ticks = static_cast<Ticks*>(data);
+    ticks->crossing.Arrive();
+    const WatchPtr watch = ticks->watch;
     bool goesOn = false;
     watch->gate.Run([&] { goesOn = watch->Tick(); });
     return goesOn ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
@@ -159,8 +168,11 @@ GSource* StartTicks(const WatchPtr& watch)
     }
     watch->StartRound();
     GSource* const timer = g_timeout_source_new(static_cast<guint>(watch->Period() / 1000));
-    g_source_set_callback(timer, &OnTick, new WatchPtr(watch),
-                          [](void* data) { delete static_cast<WatchPtr*>(data); });
+    auto ticks = std::make_unique<Ticks>();
+    ticks->watch = watch;
+    ticks->crossing.Leave();
+    g_source_set_callback(timer, &OnTick, ticks.release(),
+                          [](void* data) { delete static_cast<Ticks*>(data); });
     g_source_attach(timer, context);
     return timer;
 }
