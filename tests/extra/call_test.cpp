@@ -207,6 +207,7 @@ TEST_F(CallTest, EndsOnceWhateverEndsItFirst)
     EXPECT_EQ(KindOf(died), Kind::Closed);
 
     auto left = closes.Start(proxy, "mute", message);
+    ASSERT_TRUE(proxy.IsServiceAvailable("mute")); // the bus has passed on the call before
     kill(mute.Id(), SIGKILL);
     EXPECT_EQ(KindOf(left), Kind::PeerGone);
 }

@@ -70,18 +70,24 @@ TEST_F(NameTest, WatchFollowsTheOwner)
     Changes seen, onTask;
     auto watch = std::make_unique<TCNameWatch>(proxy, "peer", seen.Note());
     const TCNameWatch second(proxy, "peer", onTask.Note(), &*task);
-    std::string expected = "->-;";
-    seen.AwaitSeen(expected);
+    std::string expected;
+    // Both before the next change, so that none is left out.
+    const auto awaitBoth = [&](const std::string& change) {
+        expected += change;
+        seen.AwaitSeen(expected);
+        onTask.AwaitSeen(expected);
+    };
+    awaitBoth("->-;");
     Own(one, "RequestName", kRequest);
-    seen.AwaitSeen(expected += "->" + Unique(one) + ";");
+    awaitBoth("->" + Unique(one) + ";");
     Own(other, "RequestName", kRequest);
-    seen.AwaitSeen(expected += Unique(one) + ">" + Unique(other) + ";");
+    awaitBoth(Unique(one) + ">" + Unique(other) + ";");
     Own(other, "ReleaseName", kRelease);
-    seen.AwaitSeen(expected += Unique(other) + ">" + Unique(one) + ";");
-    onTask.AwaitSeen(expected);
+    awaitBoth(Unique(other) + ">" + Unique(one) + ";");
     {
         const Held held(&*task); // changes that are not heard one by one are one change
         Own(one, "ReleaseName", kRelease);
+        seen.AwaitSeen(expected + Unique(one) + ">-;");
         Own(other, "RequestName", kRequest);
         seen.AwaitSeen(expected + Unique(one) + ">-;->" + Unique(other) + ";");
     }
