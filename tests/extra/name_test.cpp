@@ -68,8 +68,8 @@ TEST_F(NameTest, WatchFollowsTheOwner)
     const RawPeer one, other;
     TCScope<TCTask> task("task");
     Changes seen, onTask;
+    const TCNameWatch first(proxy, "peer", onTask.Note(), &*task); // hears each change first
     auto watch = std::make_unique<TCNameWatch>(proxy, "peer", seen.Note());
-    const TCNameWatch second(proxy, "peer", onTask.Note(), &*task);
     std::string expected;
     // Both before the next change, so that none is left out.
     const auto awaitBoth = [&](const std::string& change) {
