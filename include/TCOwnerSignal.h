@@ -29,7 +29,8 @@ public:
     using Callback =
         std::function<void(const char* from, const char* signalName, const TCMessage& message)>;
 
-    /// Subscribes.
+    /// Subscribes. A signal that the owner sends because of what this program sends afterwards is
+    /// heard. The signals of one subscription come in their order.
     /// @param server its connection to the bus is used; must be open
     /// @param from the sender's service name, or "owner.activity"; must not be null
     /// @param signal the signal's name, a D-Bus member name

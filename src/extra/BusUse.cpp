@@ -2,6 +2,7 @@
 #include "extra/BusUse.h"
 
 #include <atomic>
+#include <future>
 #include <map>
 #include <utility>
 #include <vector>
@@ -24,14 +25,19 @@ struct BusUse::State
     std::shared_ptr<LossWatch> loss SENNET_THREAD_SAFETY(guarded_by(mutex));
     Function onEnd SENNET_THREAD_SAFETY(guarded_by(mutex));
 
-    // Posts under the lock: nothing may be posted behind the end.
-    void Post(Function function)
+    // Posts under the lock: nothing may be posted behind the end. Returns whether it was.
+    bool Post(Function function)
     {
         const Lock lock(mutex);
-        if (connection != nullptr) {
-            LibraryThread::Run(
-                [with = connection, function = std::move(function)] { function(with.get()); });
-        }
+        return connection != nullptr &&
+               LibraryThread::Run(
+                   [with = connection, function = std::move(function)] { function(with.get()); });
+    }
+
+    SharedConnection Connection()
+    {
+        const Lock lock(mutex);
+        return connection;
     }
 
     void End(bool tell)
@@ -127,6 +133,23 @@ BusUse::~BusUse()
 void BusUse::Run(Function function) const
 {
     m_State->Post(std::move(function));
+}
+
+void BusUse::RunAndWait(const Function& function) const
+{
+    if (LibraryThread::IsCurrent()) {
+        if (const SharedConnection connection = m_State->Connection(); connection != nullptr) {
+            function(connection.get());
+        }
+        return;
+    }
+    std::promise<void> done;
+    if (m_State->Post([&](GDBusConnection* connection) {
+            function(connection);
+            done.set_value();
+        })) {
+        done.get_future().wait();
+    }
 }
 
 void BusUse::EndAllOf(const ServerLife& server)

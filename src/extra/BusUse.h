@@ -32,6 +32,9 @@ public:
     // Runs the function with the connection on the library's thread, in the order of these calls.
     // Drops it if the use has ended.
     void Run(Function function) const;
+    // The same, and waits until it has run, so that what it sends leaves before what the caller
+    // sends next.
+    void RunAndWait(const Function& function) const;
 
     // The server is closed or destroyed.
     static void EndAllOf(const ServerLife& server);

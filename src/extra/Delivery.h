@@ -7,7 +7,7 @@
 
 #include <glib.h>
 
-#include "QueueRef.h"
+#include "TCEventIO.h"
 
 namespace Velmora::Internal {
 
@@ -18,12 +18,14 @@ public:
     static Delivery ToContext(GMainContext* context); // null means the caller's thread-default
     static Delivery ToLibraryThread() { return {}; }
 
-    // Runs the callable there; destroys it unrun if that is not possible any more. Waits for
-    // nothing and runs no client code.
+    // Runs the callable there, in the order of these calls; destroys it unrun if that is not
+    // possible any more. Waits for nothing and runs no client code.
     void Post(std::function<void()> callable) const;
 
 private:
-    QueueRef m_Queue;
+    struct QueuePosts;
+
+    std::shared_ptr<QueuePosts> m_Queue;
     std::shared_ptr<GMainContext> m_Context;
 };
 

@@ -40,6 +40,45 @@ void* RunThread(void* data)
     return nullptr;
 }
 
+// A thread that starts with its first use and never ends.
+class LazyThread
+{
+public:
+    explicit LazyThread(const char* name) : m_Name(name) {}
+
+    GMainContext* Context()
+    {
+        const Lock lock(m_Mutex);
+        if (m_Running != nullptr) {
+            return m_Running;
+        }
+        ContextPtr context(g_main_context_new());
+        GError* raw = nullptr;
+        GThread* const thread = g_thread_try_new(m_Name, &RunThread, context.get(), &raw);
+        if (const ErrorPtr error(raw); thread == nullptr) {
+            VELMORA_LOGE("Thread created fail,%s", error->message);
+            return nullptr;
+        }
+        g_thread_unref(thread);
+        m_Running = context.release(); // the thread's
+        return m_Running;
+    }
+
+private:
+    const char* const m_Name;
+    Mutex m_Mutex;
+    GMainContext* m_Running SENNET_THREAD_SAFETY(guarded_by(m_Mutex)) = nullptr;
+};
+
+bool RunOn(GMainContext* context, std::function<void()> callable)
+{
+    if (context == nullptr) {
+        return false;
+    }
+    PostToContext(context, std::move(callable));
+    return true;
+}
+
 } // namespace
 
 void PostToContext(GMainContext* context, std::function<void()> callable)
@@ -57,32 +96,25 @@ void PostToContext(GMainContext* context, std::function<void()> callable)
 
 GMainContext* LibraryThread::Context()
 {
-    static Mutex mutex;
-    static GMainContext* running = nullptr; // guarded by mutex
-    const Lock lock(mutex);
-    if (running != nullptr) {
-        return running;
-    }
-    ContextPtr context(g_main_context_new());
-    GError* raw = nullptr;
-    GThread* const thread = g_thread_try_new("sennet", &RunThread, context.get(), &raw);
-    if (const ErrorPtr error(raw); thread == nullptr) {
-        VELMORA_LOGE("Thread created fail,%s", error->message);
-        return nullptr;
-    }
-    g_thread_unref(thread);
-    running = context.release(); // the thread's, which never ends
-    return running;
+    static auto& thread = *new LazyThread("sennet"); // never destroyed, since it is still running
+    return thread.Context();
 }
 
 bool LibraryThread::Run(std::function<void()> callable)
 {
+    return RunOn(Context(), std::move(callable));
+}
+
+bool LibraryThread::IsCurrent()
+{
     GMainContext* const context = Context();
-    if (context == nullptr) {
-        return false;
-    }
-    PostToContext(context, std::move(callable));
-    return true;
+    return context != nullptr && g_main_context_is_owner(context) != 0;
+}
+
+bool WaitingThread::Run(std::function<void()> callable)
+{
+    static auto& thread = *new LazyThread("sennet-waiting");
+    return RunOn(thread.Context(), std::move(callable));
 }
 
 } // namespace Velmora::Internal

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Runs callables on a main context, and on the library's own thread.
+// Runs callables on a main context, and on the library's own threads.
 #pragma once
 
 #include <functional>
@@ -23,6 +23,16 @@ public:
 
     // Returns false, with an error line, if there is no thread to be had; the callable is then
     // destroyed unrun.
+    static bool Run(std::function<void()> callable);
+
+    // Whether the calling thread is this one.
+    static bool IsCurrent();
+};
+
+// A thread for what has to wait for the lock of a client's queue. Otherwise the same.
+class WaitingThread
+{
+public:
     static bool Run(std::function<void()> callable);
 };
 

@@ -72,13 +72,13 @@ public:
                 }
             });
         m_Tracker->Start(connection);
-        // The bus passes on what the owner broadcasts. What a peer sends to this connection alone
-        // passes every rule, and GDBus hands it to every subscription: so each sender is checked.
-        SendRule(connection, "AddMatch");
+        // What a peer sends to this connection alone passes every rule, and GDBus hands it to every
+        // subscription: so each sender is checked.
         m_Id = g_dbus_connection_signal_subscribe(
             connection, nullptr, m_BusName.c_str(), m_Receiver->signal.c_str(), nullptr, nullptr,
             G_DBUS_SIGNAL_FLAGS_NO_MATCH_RULE, &OnSignal, new Self(shared_from_this()),
             [](void* self) { delete static_cast<Self*>(self); });
+        SendRule(connection, "AddMatch"); // for what the owner broadcasts
     }
     void Stop(GDBusConnection* connection)
     {
@@ -186,7 +186,7 @@ TCOwnerSignal::TCOwnerSignal(TCServer& server, const char* from, const char* sig
     if (impl->use == nullptr) {
         return;
     }
-    impl->use->Run(
+    impl->use->RunAndWait(
         [subscription](GDBusConnection* connection) { subscription->Start(connection); });
     m_Impl = std::move(impl);
 }

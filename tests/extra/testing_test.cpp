@@ -56,7 +56,7 @@ TEST_F(StubTest, LeavesTheBusAndEmits)
                              });
     {
         StubService weather("weather");
-        EXPECT_TRUE(client->IsServiceAvailable("weather"));
+        EXPECT_TRUE(client->IsServiceAvailable("weather")); // so the bus knows the subscription
         weather.Emit("changed", "rain");
         EXPECT_EQ(heard.get_future().get(), "rain");
     }
